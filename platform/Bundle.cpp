@@ -1,0 +1,45 @@
+#include "platform/Bundle.h"
+
+#include <errno.h>
+#include <libintl.h>
+
+#include <filesystem>
+#include <mutex>
+#include <utility>
+
+namespace quorva::platform {
+namespace {
+
+struct State {
+  std::mutex mutex;
+  Bundle bundle;  // guarded by mutex
+};
+
+State& state() {
+  static State& instance = *new State;
+  return instance;
+}
+
+}  // namespace
+
+Bundle Bundle::main() {
+  const std::scoped_lock lock(state().mutex);
+  return state().bundle;
+}
+
+void Bundle::setMain(Bundle bundle) {
+  const std::scoped_lock lock(state().mutex);
+  std::swap(state().bundle, bundle);
+}
+
+std::string executableName() {
+  std::error_code unreadable;
+  const auto path = std::filesystem::read_symlink("/proc/self/exe", unreadable);
+  return unreadable ? program_invocation_short_name : path.filename().string();
+}
+
+std::string localizedString(const char* key) {
+  return gettext(key);
+}
+
+}  // namespace quorva::platform

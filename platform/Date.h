@@ -1,0 +1,16 @@
+// Instants, and their form in log lines.
+
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace quorva::platform {
+
+/// An instant, UTC.
+using Date = std::chrono::system_clock::time_point;
+
+/// ISO 8601 in UTC to whole seconds: 2025-03-14T09:26:53Z.
+[[nodiscard]] std::string iso8601(std::chrono::sys_seconds instant);
+
+}  // namespace quorva::platform

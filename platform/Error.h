@@ -1,0 +1,142 @@
+// One error value for everything that can go wrong, and a result that holds it in place of a value.
+//
+// Threads: values; a copy shares the immutable error inside it and may go to any thread.
+// Hosts without exceptions or run-time type information can use all of this header.
+
+#pragma once
+
+#include <concepts>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+
+#include "Export.h"
+
+namespace quorva::platform {
+
+/// A type that can travel in an Error: it says in words what happened.
+template <class E>
+concept LocalizedError = requires(const E& error) {
+  { error.errorDescription() } -> std::convertible_to<std::string>;
+};
+
+/// Any error, unchanged: what completion handlers and delegates receive and what `co_await` throws.
+///
+///     if (const auto* transport = error.as<URLError>()) retryLater(transport->code);
+///
+/// Never empty: it has no move, so that a moved-from Error still holds its error.
+class QUORVA_EXPORT Error final : public std::exception {
+ public:
+  template <LocalizedError E>
+  Error(E error) : held_(std::make_shared<const Held<E>>(std::move(error))) {}
+  Error(const Error&) noexcept = default;
+  Error& operator=(const Error&) noexcept = default;
+  ~Error() override;
+
+  /// The error's own description, asked for anew: the text that log lines show.
+  [[nodiscard]] std::string localizedDescription() const { return held_->description(); }
+
+  /// The error as an `E`, or null where it is something else. Lives as long as this Error.
+  template <class E>
+  [[nodiscard]] const E* as() const noexcept {
+    return held_->type == typeName<E>() ? &static_cast<const Held<E>&>(*held_).error : nullptr;
+  }
+
+  /// The description as it was when the error was made.
+  [[nodiscard]] const char* what() const noexcept override;
+
+  /// The Error that an exception is, or one that carries the exception's `what()`.
+  [[nodiscard]] static Error from(const std::exception_ptr& exception);
+
+ private:
+  // Names, unlike addresses or type_info, agree between a library and a host that hides its symbols
+  // or is built without type information.
+  template <class E>
+  static constexpr std::string_view typeName() {
+    return __PRETTY_FUNCTION__;
+  }
+
+  struct Box {
+    Box(std::string_view typeName, std::string text) : type(typeName), what(std::move(text)) {}
+    Box(const Box&) = delete;
+    Box& operator=(const Box&) = delete;
+    virtual ~Box() = default;
+    [[nodiscard]] virtual std::string description() const = 0;
+
+    const std::string_view type;
+    const std::string what;
+  };
+
+  template <class E>
+  struct Held final : Box {
+    explicit Held(E e) : Box(typeName<E>(), e.errorDescription()), error(std::move(e)) {}
+    [[nodiscard]] std::string description() const override { return error.errorDescription(); }
+
+    const E error;
+  };
+
+  std::shared_ptr<const Box> held_;
+};
+
+/// An exception that isn't ours, as it came out of a host's own coroutine.
+struct ForeignError {
+  std::string description;
+
+  [[nodiscard]] const std::string& errorDescription() const { return description; }
+};
+
+/// Throws `error`; ends a process that is built without exceptions.
+[[noreturn]] QUORVA_EXPORT void throwError(const Error& error);
+
+/// A value or the error that came in its place.
+///
+///     if (result) use(*result); else report(result.error().localizedDescription());
+template <class T>
+class [[nodiscard]] Result {
+ public:
+  Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}
+  Result(Error error) : state_(std::in_place_index<1>, std::move(error)) {}
+  template <LocalizedError E>
+  Result(E error) : Result(Error(std::move(error))) {}
+
+  explicit operator bool() const noexcept { return state_.index() == 0; }
+
+  /// The value; only where there is one.
+  T& operator*() & noexcept { return *std::get_if<0>(&state_); }
+  const T& operator*() const& noexcept { return *std::get_if<0>(&state_); }
+  const T* operator->() const noexcept { return std::get_if<0>(&state_); }
+
+  /// The value; throws the error where there is none.
+  T value() && {
+    if (!*this) throwError(error());
+    return std::move(**this);
+  }
+
+  /// The error; only where there is no value.
+  [[nodiscard]] const Error& error() const noexcept { return *std::get_if<1>(&state_); }
+
+ private:
+  std::variant<T, Error> state_;
+};
+
+template <>
+class [[nodiscard]] Result<void> {
+ public:
+  Result() = default;
+  Result(Error error) : error_(std::move(error)) {}
+
+  explicit operator bool() const noexcept { return !error_; }
+  void value() && {
+    if (error_) throwError(*error_);
+  }
+  [[nodiscard]] const Error& error() const noexcept { return *error_; }
+
+ private:
+  std::optional<Error> error_;
+};
+
+}  // namespace quorva::platform

@@ -1,0 +1,193 @@
+#include "platform/JSON.h"
+
+#include <simdjson.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+
+#include "platform/Text.h"
+
+namespace quorva::platform {
+namespace {
+
+namespace ondemand = simdjson::ondemand;
+
+constexpr int maximumDepth = 512;
+constexpr double exactIntegers = 9007199254740992.0;  // 2^53: beyond it doubles skip whole numbers
+
+// The number that `token` spells, white space around it aside. simdjson hands a number out as the
+// characters up to the next structural one, without a look at them.
+JSONValue::Number number(std::string_view token) {
+  constexpr std::string_view space = " \t\r\n";
+  token.remove_prefix(std::min(token.find_first_not_of(space), token.size()));
+  token = token.substr(0, token.find_last_not_of(space) + 1);
+
+  std::string_view rest = token;
+  const auto skip = [&](std::string_view any) {
+    const bool found = !rest.empty() && any.find(rest.front()) != any.npos;
+    rest.remove_prefix(found ? 1 : 0);
+    return found;
+  };
+  const auto digits = [&] {
+    const auto before = rest.size();
+    while (skip("0123456789")) continue;
+    return rest.size() < before;
+  };
+  skip("-");
+  bool isNumber = skip("0") || digits();
+  if (skip(".")) isNumber = digits() && isNumber;
+  if (skip("eE")) {
+    skip("+-");
+    isNumber = digits() && isNumber;
+  }
+  if (!isNumber || !rest.empty()) throw simdjson::simdjson_error(simdjson::NUMBER_ERROR);
+  return JSONValue::Number{std::string(token)};
+}
+
+// `Source` is simdjson's document or a value in it: the same calls, but no common type. It reads
+// lazily, so everything is looked at here, or it would not be checked. Its exceptions end in
+// parseJSON.
+template <class Source>
+JSONValue read(Source&& source, int depth) {
+  if (depth > maximumDepth) throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
+  switch (source.type().value()) {
+    case ondemand::json_type::object: {
+      JSONValue::Object object;
+      for (auto field : source.get_object().value()) {
+        std::string key(field.unescaped_key().value());
+        object.emplace_back(std::move(key), read(field.value().value(), depth + 1));
+      }
+      return object;
+    }
+    case ondemand::json_type::array: {
+      JSONValue::Array array;
+      for (auto element : source.get_array().value()) {
+        array.push_back(read(element.value(), depth + 1));
+      }
+      return array;
+    }
+    case ondemand::json_type::string:
+      return std::string_view(source.get_string().value());
+    case ondemand::json_type::boolean:
+      return bool(source.get_bool().value());
+    case ondemand::json_type::number: {
+      simdjson::simdjson_result<std::string_view> token = source.raw_json_token();
+      return number(token.value());
+    }
+    case ondemand::json_type::null:
+      if (source.is_null().value()) return {};
+  }
+  throw simdjson::simdjson_error(simdjson::TAPE_ERROR);
+}
+
+void write(std::string& out, std::string_view text) {
+  constexpr std::string_view hex = "0123456789abcdef";
+  if (!isValidUTF8(text)) throwError(EncodingError{});
+  out += '"';
+  for (const char c : text) {
+    // The short escapes, each character next to its letter.
+    constexpr std::string_view escapes = "\"\"\\\\//\bb\ff\nn\rr\tt";
+    std::size_t at = 0;
+    while (at < escapes.size() && escapes[at] != c) at += 2;
+    if (at < escapes.size()) {
+      out += {'\\', escapes[at + 1]};
+    } else if (const auto code = static_cast<unsigned char>(c); code < 0x20) {
+      out += "\\u00";
+      out += {hex[code >> 4], hex[code & 15]};
+    } else {
+      out += c;
+    }
+  }
+  out += '"';
+}
+
+void write(std::string& out, const JSONValue& value) {
+  // Writes `items` between `brackets` and separated by commas.
+  const auto list = [&](std::string_view brackets, const auto& items, const auto& writeItem) {
+    out += brackets.front();
+    bool first = true;
+    for (const auto& item : items) {
+      if (!std::exchange(first, false)) out += ',';
+      writeItem(item);
+    }
+    out += brackets.back();
+  };
+  if (value.isNull()) {
+    out += "null";
+  } else if (const auto* flag = value.as<bool>()) {
+    out += *flag ? "true" : "false";
+  } else if (const auto* digits = value.as<JSONValue::Number>()) {
+    if (digits->text.empty()) throwError(EncodingError{});
+    out += digits->text;
+  } else if (const auto* text = value.as<std::string>()) {
+    write(out, std::string_view(*text));
+  } else if (const auto* array = value.as<JSONValue::Array>()) {
+    list("[]", *array, [&](const JSONValue& item) { write(out, item); });
+  } else if (const auto* object = value.as<JSONValue::Object>()) {
+    list("{}", *object, [&](const auto& entry) {
+      write(out, std::string_view(entry.first));
+      out += ':';
+      write(out, entry.second);
+    });
+  }
+}
+
+}  // namespace
+
+std::string DecodingError::errorDescription() const {
+  return kind == Kind::dataCorrupted || kind == Kind::typeMismatch
+             ? "The data couldn’t be read because it isn’t in the correct format."
+             : "The data couldn’t be read because it is missing.";
+}
+
+std::string EncodingError::errorDescription() const {
+  return "The data couldn’t be written because it isn’t in the correct format.";
+}
+
+JSONValue::JSONValue(double value) : value_(Number{}) {
+  if (!std::isfinite(value)) return;
+  const double size = std::abs(value);
+  const auto form = size == 0 || (size >= 1e-4 && size <= exactIntegers)
+                        ? std::chars_format::fixed
+                        : std::chars_format::scientific;
+  std::array<char, 32> text;
+  const auto end = std::to_chars(text.data(), text.data() + text.size(), value, form).ptr;
+  value_ = Number{std::string(text.data(), end)};
+}
+
+const JSONValue* JSONValue::find(std::string_view key) const noexcept {
+  const auto* object = as<Object>();
+  if (!object) return nullptr;
+  const auto entry = std::ranges::find(*object, key, &Object::value_type::first);
+  return entry == object->end() ? nullptr : &entry->second;
+}
+
+Result<JSONValue> parseJSON(std::string_view text) {
+  try {
+    const simdjson::padded_string padded(text);
+    ondemand::parser parser;
+    ondemand::document document = parser.iterate(padded).value();
+    if (document.type().value() == ondemand::json_type::number) return JSONValue(number(text));
+    JSONValue value = read(document, 1);
+    if (document.current_location().error() != simdjson::OUT_OF_BOUNDS) {
+      throw simdjson::simdjson_error(simdjson::TRAILING_CONTENT);
+    }
+    return value;
+  } catch (const simdjson::simdjson_error&) {
+    return DecodingError(DecodingError::Kind::dataCorrupted);
+  }
+}
+
+Result<std::string> serializeJSON(const JSONValue& value) {
+  try {
+    std::string text;
+    write(text, value);
+    return text;
+  } catch (const Error& error) {
+    return error;
+  }
+}
+
+}  // namespace quorva::platform

@@ -1,0 +1,145 @@
+#include "platform/MainQueue.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace quorva::platform {
+namespace {
+
+using Job = std::function<void()>;
+
+struct State {
+  const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  std::atomic<std::thread::id> thread;
+  std::atomic<bool> stopped = false;
+
+  std::mutex mutex;
+  // Guarded by mutex:
+  std::deque<Job> jobs;
+  std::uint64_t taken = 0;  // jobs ever taken from the queue
+  bool armed = false;       // fd is readable
+  std::shared_ptr<const Job> wake;
+};
+
+// Never destroyed: other threads may still post while the process exits.
+State& state() {
+  static State& instance = *new State;
+  return instance;
+}
+
+// Makes fd readable. Gives what is to be called once the lock is released.
+[[nodiscard]] std::shared_ptr<const Job> arm(State& queue) {
+  if (std::exchange(queue.armed, true)) return nullptr;
+  eventfd_write(queue.fd, 1);
+  return queue.wake;
+}
+
+void disarm(State& queue) {
+  if (!std::exchange(queue.armed, false)) return;
+  eventfd_t ignored;
+  eventfd_read(queue.fd, &ignored);
+}
+
+void call(const std::shared_ptr<const Job>& wake) {
+  if (wake && *wake) (*wake)();
+}
+
+// Leaves the queue as a drain ends: readable again if more is left, and not otherwise.
+struct Settle {
+  State& queue;
+  explicit Settle(State& drained) : queue(drained) {}
+  Settle(const Settle&) = delete;
+  Settle& operator=(const Settle&) = delete;
+  ~Settle() {
+    std::unique_lock lock(queue.mutex);
+    if (queue.jobs.empty()) disarm(queue);
+    const auto wake = queue.jobs.empty() ? nullptr : arm(queue);
+    lock.unlock();
+    call(wake);
+  }
+};
+
+}  // namespace
+
+int MainQueue::fd() {
+  return state().fd;
+}
+
+std::size_t MainQueue::drain() {
+  if (!isCurrent("MainQueue::drain")) return 0;
+  State& queue = state();
+  std::unique_lock lock(queue.mutex);
+  disarm(queue);
+  const std::uint64_t end = queue.taken + queue.jobs.size();
+  std::size_t count = 0;
+  lock.unlock();
+  const Settle settle(queue);
+  for (lock.lock(); queue.taken < end; lock.lock()) {
+    const Job job = std::move(queue.jobs.front());
+    queue.jobs.pop_front();
+    ++queue.taken;
+    ++count;
+    // A loop inside the job must hear of what is left.
+    const auto wake = queue.jobs.empty() ? nullptr : arm(queue);
+    lock.unlock();
+    call(wake);
+    job();
+  }
+  lock.unlock();
+  return count;
+}
+
+void MainQueue::setWakeCallback(Job callback) {
+  State& queue = state();
+  const auto wake = std::make_shared<const Job>(std::move(callback));
+  std::unique_lock lock(queue.mutex);
+  queue.wake = wake;
+  const bool waiting = queue.armed;
+  lock.unlock();
+  if (waiting) call(wake);
+}
+
+void MainQueue::run() {
+  if (!isCurrent("MainQueue::run")) return;
+  State& queue = state();
+  do {
+    pollfd waiting{queue.fd, POLLIN, 0};
+    poll(&waiting, 1, -1);
+    drain();
+  } while (!queue.stopped.exchange(false));
+}
+
+void MainQueue::stop() {
+  state().stopped = true;
+  post([] {});
+}
+
+void MainQueue::post(Job job) {
+  State& queue = state();
+  std::unique_lock lock(queue.mutex);
+  queue.jobs.push_back(std::move(job));
+  const auto wake = arm(queue);
+  lock.unlock();
+  call(wake);
+}
+
+bool MainQueue::isCurrent(std::string_view operation) {
+  const auto current = std::this_thread::get_id();
+  std::thread::id owner;
+  if (state().thread.compare_exchange_strong(owner, current) || owner == current) return true;
+  std::fprintf(stderr, "QuorvaSDK: %.*s was called on another thread than the application's\n",
+               static_cast<int>(operation.size()), operation.data());
+  return false;
+}
+
+}  // namespace quorva::platform

@@ -1,0 +1,384 @@
+#include "platform/URLSession.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "platform/URLError.h"
+
+namespace quorva::platform {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Code = URLError::Code;
+
+constexpr std::size_t maximumSize = 16 << 20;  // of a reply, headers included
+constexpr long maximumRedirects = 20;
+constexpr long connectionsPerHost = 6;   // HTTP/1.1; HTTP/2 needs one
+constexpr std::size_t idleHandles = 16;  // kept for reuse: a new one is dear
+
+struct List {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using Headers = std::unique_ptr<curl_slist, List>;
+
+// One request under way, as its coroutine awaits it. From `submit` until `awaiting` is posted it is
+// the network thread's.
+struct Transfer {
+  explicit Transfer(URLRequest r) : request(std::move(r)) {}
+
+  [[nodiscard]] bool await_ready() const noexcept { return false; }
+  void await_suspend(std::coroutine_handle<> coroutine);
+  HTTPResponse await_resume() { return std::move(*outcome).value(); }
+
+  void finish(Result<HTTPResponse> result) {
+    outcome = std::move(result);
+    GeneralExecutor::post(awaiting);
+  }
+
+  const URLRequest request;
+  std::coroutine_handle<> awaiting;
+  std::optional<Result<HTTPResponse>> outcome;
+
+  CURL* easy = nullptr;
+  Headers headers;
+  Headers connectTo;
+  std::array<char, CURL_ERROR_SIZE> message{};
+  Clock::time_point deadline;
+  std::size_t received = 0;
+  HTTPResponse response;
+};
+
+// The certificates that the system trusts. A folder with an entry for each, named by its hash,
+// costs nothing to open; the bundle is parsed whole.
+struct TrustStore {
+  const char* file = nullptr;
+  const char* folder = nullptr;
+
+  static TrustStore system() {
+    const auto* curl = curl_version_info(CURLVERSION_NOW);
+    std::error_code unreadable;
+    if (curl->capath) {
+      for (const auto& entry : std::filesystem::directory_iterator(curl->capath, unreadable)) {
+        if (entry.path().extension() == ".0") return {nullptr, curl->capath};
+      }
+    }
+    return {curl->cainfo, nullptr};
+  }
+};
+
+Code certificateError(long verifyResult) {
+  // As X509_verify_cert counts them.
+  switch (verifyResult) {
+    case 9:
+      return Code::serverCertificateNotYetValid;
+    case 10:
+      return Code::serverCertificateHasBadDate;
+    case 2:   // the issuer isn't to be had
+    case 18:  // self-signed
+    case 19:  // a self-signed one in the chain
+    case 20:  // the issuer isn't to be had here
+    case 21:  // the only one, and not to be verified
+      return Code::serverCertificateHasUnknownRoot;
+    default:
+      return Code::serverCertificateUntrusted;
+  }
+}
+
+// What curl's refusals are to us; the rest is a connection lost.
+constexpr std::array<std::pair<CURLcode, Code>, 21> codes{{
+    {CURLE_URL_MALFORMAT, Code::badURL},
+    {CURLE_OPERATION_TIMEDOUT, Code::timedOut},
+    {CURLE_COULDNT_RESOLVE_HOST, Code::cannotFindHost},
+    {CURLE_COULDNT_RESOLVE_PROXY, Code::cannotFindHost},
+    {CURLE_COULDNT_CONNECT, Code::cannotConnectToHost},
+    {CURLE_PROXY, Code::cannotConnectToHost},
+    {CURLE_TOO_MANY_REDIRECTS, Code::httpTooManyRedirects},
+    {CURLE_UNSUPPORTED_PROTOCOL, Code::insecureConnection},
+    {CURLE_WEIRD_SERVER_REPLY, Code::cannotParseResponse},
+    {CURLE_BAD_CONTENT_ENCODING, Code::cannotParseResponse},
+    {CURLE_HTTP2, Code::cannotParseResponse},
+    {CURLE_WRITE_ERROR, Code::dataLengthExceedsMaximum},
+    {CURLE_SSL_CONNECT_ERROR, Code::secureConnectionFailed},
+    {CURLE_SSL_CIPHER, Code::secureConnectionFailed},
+    {CURLE_SSL_CACERT_BADFILE, Code::secureConnectionFailed},
+    {CURLE_SSL_CERTPROBLEM, Code::secureConnectionFailed},
+    {CURLE_SSL_ENGINE_NOTFOUND, Code::secureConnectionFailed},
+    {CURLE_SSL_ENGINE_SETFAILED, Code::secureConnectionFailed},
+    {CURLE_SSL_ENGINE_INITFAILED, Code::secureConnectionFailed},
+    {CURLE_SSL_INVALIDCERTSTATUS, Code::serverCertificateUntrusted},
+    {CURLE_SSL_ISSUER_ERROR, Code::serverCertificateHasUnknownRoot},
+}};
+
+template <class T>
+T info(CURL* easy, CURLINFO which) {
+  T value{};
+  curl_easy_getinfo(easy, which, &value);
+  return value;
+}
+
+Code errorCode(CURL* easy, CURLcode code) {
+  if (code == CURLE_PEER_FAILED_VERIFICATION) {
+    return certificateError(info<long>(easy, CURLINFO_SSL_VERIFYRESULT));
+  }
+  if (code == CURLE_COULDNT_CONNECT) {
+    const auto systemError = info<long>(easy, CURLINFO_OS_ERRNO);
+    if (systemError == ENETUNREACH || systemError == ENETDOWN) return Code::notConnectedToInternet;
+  }
+  if (code == CURLE_UNSUPPORTED_PROTOCOL &&
+      std::string_view(info<const char*>(easy, CURLINFO_EFFECTIVE_URL)).starts_with("https:")) {
+    return Code::cannotParseResponse;  // HTTP/0.9: bytes without a status line
+  }
+  const auto row = std::ranges::find(codes, code, &std::pair<CURLcode, Code>::first);
+  return row == codes.end() ? Code::networkConnectionLost : row->second;
+}
+
+// Counts what has arrived. False where that is too much.
+bool take(Transfer& transfer, std::size_t bytes) {
+  transfer.received += bytes;
+  transfer.deadline = Clock::now() + transfer.request.timeout;
+  return transfer.received <= maximumSize;
+}
+
+std::size_t takeHeader(char*, std::size_t size, std::size_t count, void* transfer) {
+  return take(*static_cast<Transfer*>(transfer), size * count) ? size * count : 0;
+}
+
+std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* context) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  if (!take(transfer, size * count)) return 0;
+  transfer.response.body.append(bytes, size * count);
+  return size * count;
+}
+
+class Network {
+ public:
+  // Never destroyed: its thread works on while the process exits.
+  static Network& shared() {
+    static Network& instance = *new Network;
+    return instance;
+  }
+
+  void submit(Transfer& transfer) {
+    {
+      const std::scoped_lock lock(mutex_);
+      if (!running_) running_ = start();
+      if (running_) {
+        submitted_.push_back(&transfer);
+        curl_multi_wakeup(multi_);
+        return;
+      }
+    }
+    transfer.finish(URLError(Code::cannotConnectToHost, "the network could not be set up"));
+  }
+
+  void route(std::string host, URLSession::Route route) {
+    const std::scoped_lock lock(mutex_);
+    routes_.insert_or_assign(std::move(host), std::move(route));
+  }
+
+ private:
+  bool start() {
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
+    multi_ = curl_multi_init();
+    share_ = curl_share_init();
+    if (!multi_ || !share_) return false;
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, connectionsPerHost);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    trust_ = TrustStore::system();
+    // The TLS library takes itself down at exit. By then curl must not be in it any more, nor come
+    // back: the lock is never given back. Registered after the TLS library's own handler, and so
+    // called before it.
+    std::atexit([] { shared().atWork_.lock(); });
+    return startThread("quorva-network", [] { shared().run(); });
+  }
+
+  [[noreturn]] void run() {
+    for (;;) {
+      {
+        const std::scoped_lock lock(atWork_);
+        for (Transfer* transfer : takeSubmitted()) begin(*transfer);
+        int underWay = 0;
+        curl_multi_perform(multi_, &underWay);
+        int left = 0;
+        while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+          if (message->msg != CURLMSG_DONE) continue;
+          end(*info<Transfer*>(message->easy_handle, CURLINFO_PRIVATE), message->data.result);
+        }
+        expire();
+      }
+      const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextDeadline_ - Clock::now());
+      curl_multi_poll(multi_, nullptr, 0,
+                      static_cast<int>(std::clamp<long>(wait.count(), 0, 60'000)), nullptr);
+    }
+  }
+
+  std::vector<Transfer*> takeSubmitted() {
+    const std::scoped_lock lock(mutex_);
+    return std::exchange(submitted_, {});
+  }
+
+  std::optional<URLSession::Route> routeTo(const std::string& host) {
+    const std::scoped_lock lock(mutex_);
+    const auto found = routes_.find(host);
+    return found == routes_.end() ? std::nullopt : std::optional(found->second);
+  }
+
+  void begin(Transfer& transfer) {
+    if (idle_.empty()) {
+      transfer.easy = curl_easy_init();
+    } else {
+      transfer.easy = idle_.back();
+      idle_.pop_back();
+    }
+    if (!transfer.easy || !configure(transfer) ||
+        curl_multi_add_handle(multi_, transfer.easy) != CURLM_OK) {
+      curl_easy_cleanup(transfer.easy);
+      return transfer.finish(
+          URLError(Code::cannotConnectToHost, "the request could not be set up"));
+    }
+    transfer.deadline = Clock::now() + transfer.request.timeout;
+    nextDeadline_ = std::min(nextDeadline_, transfer.deadline);
+    underWay_.push_back(&transfer);
+  }
+
+  bool configure(Transfer& transfer) {
+    CURL* easy = transfer.easy;
+    const URLRequest& request = transfer.request;
+    bool accepted = true;
+    const auto set = [&](CURLoption option, auto value) {
+      accepted = accepted && curl_easy_setopt(easy, option, value) == CURLE_OK;
+    };
+    const auto append = [&](Headers& list, const std::string& line) {
+      curl_slist* longer = curl_slist_append(list.get(), line.c_str());
+      accepted = accepted && longer;
+      static_cast<void>(list.release());
+      list.reset(longer);
+    };
+    for (const auto& header : request.headers) append(transfer.headers, header);
+    append(transfer.headers, "Expect:");  // a large body goes out at once, without asking first
+
+    set(CURLOPT_URL, request.url.absoluteString().c_str());
+    set(CURLOPT_PROTOCOLS_STR, "https");
+    set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    set(CURLOPT_FOLLOWLOCATION, 1L);
+    set(CURLOPT_MAXREDIRS, maximumRedirects);
+    set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
+    set(CURLOPT_PIPEWAIT, 1L);
+    set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+    set(CURLOPT_CAINFO, trust_.file);
+    set(CURLOPT_CAPATH, trust_.folder);
+    set(CURLOPT_SHARE, share_);
+    set(CURLOPT_COOKIEFILE, "");  // in memory
+    set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
+    set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout.count()));
+
+    set(CURLOPT_POST, 1L);
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    set(CURLOPT_POSTFIELDS, request.body.data());
+    set(CURLOPT_HTTPHEADER, transfer.headers.get());
+    set(CURLOPT_HEADERFUNCTION, takeHeader);
+    set(CURLOPT_HEADERDATA, &transfer);
+    set(CURLOPT_WRITEFUNCTION, takeBody);
+    set(CURLOPT_WRITEDATA, &transfer);
+    set(CURLOPT_ERRORBUFFER, transfer.message.data());
+    set(CURLOPT_PRIVATE, &transfer);
+
+    if (const auto routed = routeTo(request.url.host())) {
+      append(transfer.connectTo,
+             request.url.host() + "::127.0.0.1:" + std::to_string(routed->port));
+      set(CURLOPT_CONNECT_TO, transfer.connectTo.get());
+      set(CURLOPT_NOPROXY, "*");
+      set(CURLOPT_CAINFO, routed->certificateAuthority.c_str());
+      set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    }
+    return accepted;
+  }
+
+  void end(Transfer& transfer, CURLcode code) {
+    transfer.response.statusCode =
+        static_cast<int>(info<long>(transfer.easy, CURLINFO_RESPONSE_CODE));
+    const bool answered = code == CURLE_OK;
+    const Code error = answered ? Code() : errorCode(transfer.easy, code);
+    std::string cause =
+        transfer.message.front() ? transfer.message.data() : curl_easy_strerror(code);
+    release(transfer);
+    if (answered) return transfer.finish(std::move(transfer.response));
+    transfer.finish(URLError(error, std::move(cause)));
+  }
+
+  // Ends what has been silent for too long.
+  void expire() {
+    const auto now = Clock::now();
+    if (now < nextDeadline_) return;
+    std::vector<Transfer*> silent;
+    nextDeadline_ = Clock::time_point::max();
+    for (Transfer* transfer : underWay_) {
+      if (transfer->deadline <= now)
+        silent.push_back(transfer);
+      else
+        nextDeadline_ = std::min(nextDeadline_, transfer->deadline);
+    }
+    for (Transfer* transfer : silent) {
+      release(*transfer);
+      transfer->finish(URLError(Code::timedOut, "no byte arrived in time"));
+    }
+  }
+
+  void release(Transfer& transfer) {
+    std::erase(underWay_, &transfer);
+    CURL* easy = std::exchange(transfer.easy, nullptr);
+    curl_multi_remove_handle(multi_, easy);
+    if (idle_.size() == idleHandles) return curl_easy_cleanup(easy);
+    curl_easy_reset(easy);
+    idle_.push_back(easy);
+  }
+
+  std::mutex mutex_;
+  // Guarded by mutex_:
+  bool running_ = false;
+  std::vector<Transfer*> submitted_;
+  std::map<std::string, URLSession::Route> routes_;
+
+  std::mutex atWork_;  // held while curl is at work
+
+  // Constant once the thread runs:
+  CURLM* multi_ = nullptr;
+  CURLSH* share_ = nullptr;
+  TrustStore trust_;
+
+  // The network thread's:
+  std::vector<CURL*> idle_;
+  std::vector<Transfer*> underWay_;
+  Clock::time_point nextDeadline_ =
+      Clock::time_point::max();  // of those under way the first, or earlier
+};
+
+void Transfer::await_suspend(std::coroutine_handle<> coroutine) {
+  awaiting = coroutine;
+  Network::shared().submit(*this);
+}
+
+}  // namespace
+
+Task<HTTPResponse, GeneralExecutor> URLSession::post(URLRequest request) {
+  Transfer transfer(std::move(request));
+  co_return co_await transfer;
+}
+
+void URLSession::route(std::string host, Route route) {
+  Network::shared().route(std::move(host), std::move(route));
+}
+
+}  // namespace quorva::platform
