@@ -1,0 +1,22 @@
+#include "QuorvaSDK/Encodable+Extensions.h"
+
+#include "QuorvaSDK/QVLogger.h"
+
+namespace quorva {
+
+using platform::JSONValue;
+
+std::optional<JSONValue::Object> toDictionary(const JSONValue& encoded) {
+  try {
+    const JSONValue parsed = platform::parseJSON(platform::serializeJSON(encoded).value()).value();
+    const auto* dictionary = parsed.as<JSONValue::Object>();
+    return dictionary ? std::optional(*dictionary) : std::nullopt;
+  } catch (const platform::Error& error) {
+    QVLogger::log(LogLevel::error,
+                  "Failed to convert to dictionary: " + error.localizedDescription(),
+                  "toDictionary()");
+    return std::nullopt;
+  }
+}
+
+}  // namespace quorva

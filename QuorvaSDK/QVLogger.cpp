@@ -1,0 +1,58 @@
+#include "QuorvaSDK/QVLogger.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "platform/Bundle.h"
+#include "platform/Date.h"
+#include "platform/UnifiedLog.h"
+
+namespace quorva {
+namespace {
+
+struct Level {
+  std::string_view label;
+  platform::LogType type;
+};
+
+// In the order of LogLevel.
+constexpr std::array levels{
+    Level{"🔍 DEBUG", platform::LogType::debug},  Level{"ℹ️ INFO", platform::LogType::info},
+    Level{"✅ SUCCESS", platform::LogType::info}, Level{"⚠️ WARNING", platform::LogType::error},
+    Level{"❌ ERROR", platform::LogType::error},
+};
+
+const platform::UnifiedLog& unifiedLog() {
+  static const auto& log = *new platform::UnifiedLog(
+      platform::Bundle::main().identifier.value_or("example.quorva.sdk"), "QuorvaSDK");
+  return log;
+}
+
+}  // namespace
+
+std::atomic<bool> QVLogger::isConsoleEnabled = false;
+std::atomic<bool> QVLogger::isSystemLogEnabled = false;
+
+void QVLogger::log(LogLevel level, std::string_view message, std::string_view file,
+                   std::string_view function, std::int64_t line) {
+  if (!isConsoleEnabled && !isSystemLogEnabled) return;
+  const auto& [label, type] = levels[static_cast<std::size_t>(level)];
+  const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  std::string text = "[" + platform::iso8601(now) + "] [";
+  text.append(label).append("] [").append(file.substr(file.rfind('/') + 1)).append(":");
+  text.append(std::to_string(line)).append("] ").append(function).append(": ").append(message);
+  if (isSystemLogEnabled && unifiedLog().isEnabled(type)) unifiedLog().log(type, text);
+  if (isConsoleEnabled) {
+    text += '\n';  // one write, so that lines of two threads don't mix
+    std::fwrite(text.data(), 1, text.size(), stdout);
+  }
+}
+
+void QVLogger::log(LogLevel level, std::string_view message, const CallSite& site) {
+  const std::string_view file = site.location.file_name();
+  log(level, message, file.substr(0, file.rfind('.')), site.function, site.location.line());
+}
+
+}  // namespace quorva

@@ -1,0 +1,107 @@
+#include "QuorvaSDK/QuorvaSDK.h"
+
+#include <utility>
+
+#include "QuorvaSDK/QVLogger.h"
+#include "QuorvaSDK/QVNetworkManager.h"
+#include "QuorvaSDK/StorageKeys.h"
+#include "platform/Text.h"
+
+const double QuorvaSDKVersionNumber = 1.0;
+const unsigned char QuorvaSDKVersionString[] = "@(#)PROGRAM:QuorvaSDK  PROJECT:QuorvaSDK-1\n";
+
+namespace quorva {
+namespace {
+
+// What an initialization leaves. The library is initialized exactly when there is one.
+struct Instance {
+  std::shared_ptr<QuorvaDelegate> delegate;
+};
+
+// Never destroyed: the delegate may be in use while the process exits.
+std::unique_ptr<Instance>& shared() {
+  static auto& instance = *new std::unique_ptr<Instance>;
+  return instance;
+}
+
+// Calls the delegate that is the current one now, which stays alive for the call even if it's
+// replaced in it.
+template <class... Parameters, class... Arguments>
+void tellDelegate(void (QuorvaDelegate::*callback)(Parameters...), const Arguments&... arguments) {
+  const auto delegate = shared() ? shared()->delegate : nullptr;
+  if (delegate) (*delegate.*callback)(arguments...);
+}
+
+void finishInitialization(const QVConfiguration& config) {
+  QVNetworkManager::devicePing();
+  tellDelegate(&QuorvaDelegate::quorvaDidInitialize, config);
+  QVLogger::log(LogLevel::success, "Quorva SDK Intialized!", "initialize(config:)");
+}
+
+}  // namespace
+
+void Quorva::initialize(QVConfiguration config) {
+  if (!MainQueue::isCurrent("Quorva::initialize")) {
+    return MainQueue::post([config = std::move(config)] { initialize(config); });
+  }
+  auto instance = std::make_unique<Instance>();
+  if (config.isDebugEnabled) {
+    QVLogger::isConsoleEnabled = true;
+    QVLogger::isSystemLogEnabled = false;
+  }
+  instance->delegate = config.delegate;
+  // Swapped first: the old delegate's destructor is the host's, and may call back.
+  std::swap(shared(), instance);
+  instance.reset();
+
+  if (platform::trimmed(config.apiKey).empty()) {
+    const QuorvaError error(QuorvaError::invalidAPIKey);
+    return QVLogger::log(LogLevel::error, error.errorDescription(), "initialize(config:)");
+  }
+  StorageKeys::apiKey.set(config.apiKey);
+  if (StorageKeys::anonymousId.get()) return finishInitialization(config);
+
+  start(QVNetworkManager::retrieveDeviceId(config.apiKey),
+        [config](const Result<std::optional<std::string>>& identifier) {
+          if (!identifier) {
+            const Error& error = identifier.error();
+            tellDelegate(&QuorvaDelegate::quorvaDidFailToInitialize, error);
+            return QVLogger::log(LogLevel::error, error.localizedDescription(),
+                                 "initialize(config:)");
+          }
+          StorageKeys::anonymousId.set(*identifier);
+          finishInitialization(config);
+        });
+}
+
+void Quorva::createDynamicLink(QVDynamicLinkBuilder link, Completion completion) {
+  start(QVNetworkManager::createLink(std::move(link)),
+        [completion = std::move(completion)](const Result<CreateDynaminLinkResponse>& answer) {
+          if (!answer) {
+            QVLogger::log(LogLevel::error,
+                          "Failed to create Link - " + answer.error().localizedDescription(),
+                          "createDynamicLink(for:completion:)");
+          }
+          if (!completion) return;
+          if (!answer) return completion(std::nullopt, answer.error());
+          if (!answer->shortURL)
+            return completion(std::nullopt, QuorvaError(QuorvaError::invalidResponse));
+          completion(answer->shortURL, std::nullopt);
+        });
+}
+
+Task<std::optional<std::string>> Quorva::createDynamicLink(QVDynamicLinkBuilder link) {
+  if (!shared()) throw Error(QuorvaError(QuorvaError::notInitialized));
+  const Result<CreateDynaminLinkResponse> answer =
+      co_await QVNetworkManager::createLink(std::move(link)).result();
+  if (!answer) {
+    QVLogger::log(LogLevel::error,
+                  "Failed to create dynamic link: " + answer.error().localizedDescription(),
+                  "createDynamicLink(for:)");
+    throw answer.error();
+  }
+  QVLogger::log(LogLevel::success, "Successfully created dynamic link", "createDynamicLink(for:)");
+  co_return answer->shortURL;
+}
+
+}  // namespace quorva

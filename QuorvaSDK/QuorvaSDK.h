@@ -1,0 +1,64 @@
+// QuorvaSDK: short links and deep links for an application.
+//
+//     Quorva::initialize(QVConfiguration("qk_...", /*isDebugEnabled=*/true,
+//     std::make_shared<Links>())); Quorva::createDynamicLink(link, [](std::optional<std::string>
+//     shortLink, std::optional<Error> error) { ... });
+//
+// Threads: call everything on the application's thread, and have it empty the MainQueue, through
+// which all answers come. Lifetimes: nothing runs before the first call, nothing has to be shut
+// down, and the process may exit at any moment. After fork(), only exec() is supported.
+
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "PlatformTypes.h"
+#include "QVConfiguration.h"
+#include "QVDynamicLinkBehaviour.h"
+#include "QVDynamicLinkBuilder.h"
+#include "QuorvaError.h"
+
+extern "C" {
+/// The library's version, 1.0.
+QUORVA_EXPORT extern const double QuorvaSDKVersionNumber;
+/// The same in words, for what(1) and its like, with a line feed at its end.
+QUORVA_EXPORT extern const unsigned char QuorvaSDKVersionString[];
+}
+
+namespace quorva {
+
+/// The library's entry points. There are no instances.
+class QUORVA_EXPORT Quorva {
+ public:
+  Quorva() = delete;
+
+  /// Starts the library: stores the key, has the service name this installation if it hasn't yet,
+  /// and announces the device. The delegate hears how it went. A blank key is logged and changes
+  /// nothing but the delegate.
+  ///
+  /// May be called again: the new key, delegate and debug switch replace the old, though debugging,
+  /// once on, stays on. On another thread than the application's it says so on standard error and
+  /// does its work from the MainQueue.
+  static void initialize(QVConfiguration config);
+
+  /// Receives either the short link or the error.
+  using Completion =
+      std::function<void(std::optional<std::string> shortLink, std::optional<Error> error)>;
+
+  /// Has the service make a short link, and returns at once. `completion` is called exactly once,
+  /// later, on the application's thread. Works with what an earlier launch stored, initialized or
+  /// not.
+  ///
+  /// Errors: a QuorvaError (missingKeys, invalidAPIKey, duplicatePath, badRequest; invalidResponse
+  /// for an answer without a link), or a URLError or DecodingError as it came.
+  static void createDynamicLink(QVDynamicLinkBuilder link, Completion completion);
+
+  /// As above, for coroutines: yields the short link, absent where the service's answer has none,
+  /// or throws the Error. Fails with notInitialized before any `initialize`.
+  [[nodiscard]] static Task<std::optional<std::string>> createDynamicLink(
+      QVDynamicLinkBuilder link);
+};
+
+}  // namespace quorva
