@@ -7,7 +7,7 @@ namespace {
 
 std::string joined(const std::vector<std::string>& keys) {
   std::string text;
-  for (const auto& key : keys) text += (text.empty() ? "" : ", ") + key;
+  for (std::size_t i = 0; i < keys.size(); ++i) text += (i == 0 ? "" : ", ") + keys[i];
   return text;
 }
 

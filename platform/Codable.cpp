@@ -38,7 +38,7 @@ std::optional<std::int64_t> integer(const std::string& text) {
   const auto wide = floatingPoint<long double>(text);
   if (!wide) return std::nullopt;
   const auto value = static_cast<double>(*wide);
-  if (value != std::trunc(value) || value < -limit || value >= limit) return std::nullopt;
+  if (value != std::trunc(value) || *wide < -limit || *wide >= limit) return std::nullopt;
   return static_cast<std::int64_t>(std::abs(value) < allExact ? value : *wide);
 }
 

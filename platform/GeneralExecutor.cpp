@@ -1,13 +1,10 @@
 #include "platform/GeneralExecutor.h"
 
-#include <pthread.h>
-
 #include <condition_variable>
-#include <csignal>
 #include <deque>
 #include <mutex>
-#include <system_error>
-#include <thread>
+
+#include "platform/Thread.h"
 
 namespace quorva::platform {
 namespace {
@@ -18,6 +15,8 @@ struct State {
   // Guarded by mutex:
   bool running = false;
   std::deque<std::function<void()>> jobs;
+
+  std::mutex atWork;  // held while a job runs; taken for good at exit
 };
 
 // Never destroyed: the thread may still work while the process exits.
@@ -34,6 +33,7 @@ State& state() {
     const auto job = std::move(executor.jobs.front());
     executor.jobs.pop_front();
     lock.unlock();
+    const std::scoped_lock working(executor.atWork);
     job();
   }
 }
@@ -43,30 +43,16 @@ State& state() {
 void GeneralExecutor::post(std::function<void()> job) {
   State& executor = state();
   std::unique_lock lock(executor.mutex);
-  if (!executor.running && !(executor.running = startThread("quorva-general", work))) {
+  if (!executor.running) {
+    executor.running = startThread("quorva-general", work, [] { state().atWork.lock(); });
+  }
+  if (!executor.running) {
     lock.unlock();
     return job();
   }
   executor.jobs.push_back(std::move(job));
   lock.unlock();
   executor.posted.notify_one();
-}
-
-bool startThread(const char* name, void (*body)()) {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  bool started = true;
-  try {
-    std::thread thread(body);
-    pthread_setname_np(thread.native_handle(), name);
-    thread.detach();
-  } catch (const std::system_error&) {
-    started = false;
-  }
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return started;
 }
 
 }  // namespace quorva::platform

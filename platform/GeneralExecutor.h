@@ -16,8 +16,4 @@ class GeneralExecutor {
   static void post(std::function<void()> job);
 };
 
-/// Starts a detached thread that takes no signals, so that the host's handlers run on the host's
-/// threads. False where the system has no thread left to give.
-[[nodiscard]] bool startThread(const char* name, void (*body)());
-
 }  // namespace quorva::platform

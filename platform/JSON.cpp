@@ -54,19 +54,19 @@ JSONValue read(Source&& source, int depth) {
   if (depth > maximumDepth) throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
   switch (source.type().value()) {
     case ondemand::json_type::object: {
-      JSONValue::Object object;
-      for (auto field : source.get_object().value()) {
+      JSONValue::Object entries;
+      ondemand::object object = source.get_object().value();
+      for (auto field : object) {
         std::string key(field.unescaped_key().value());
-        object.emplace_back(std::move(key), read(field.value().value(), depth + 1));
+        entries.emplace_back(std::move(key), read(field.value().value(), depth + 1));
       }
-      return object;
+      return entries;
     }
     case ondemand::json_type::array: {
-      JSONValue::Array array;
-      for (auto element : source.get_array().value()) {
-        array.push_back(read(element.value(), depth + 1));
-      }
-      return array;
+      JSONValue::Array elements;
+      ondemand::array array = source.get_array().value();
+      for (auto element : array) elements.push_back(read(element.value(), depth + 1));
+      return elements;
     }
     case ondemand::json_type::string:
       return std::string_view(source.get_string().value());

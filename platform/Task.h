@@ -72,7 +72,8 @@ class PromiseBase {
     awaiting_ = awaiting;
     stage_ = Stage::running;
     self.resume();
-    return stage_.exchange(Stage::awaited) != Stage::finished;
+    auto stage = Stage::running;
+    return stage_.compare_exchange_strong(stage, Stage::awaited);
   }
 
   // Has the coroutine run by `post`. `awaiting` goes on by `postAwaiting`, or where the coroutine

@@ -1,6 +1,7 @@
 #include "platform/URLSession.h"
 
 #include <curl/curl.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <array>
@@ -11,6 +12,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/Thread.h"
 #include "platform/URLError.h"
 
 namespace quorva::platform {
@@ -140,6 +142,19 @@ Code errorCode(CURL* easy, CURLcode code) {
   return row == codes.end() ? Code::networkConnectionLost : row->second;
 }
 
+// Sets a handle's options one by one, and remembers whether curl took them all.
+struct Options {
+  explicit Options(CURL* handle) : easy(handle), accepted(handle) {}
+
+  template <class T>
+  void set(CURLoption option, T value) {
+    accepted = accepted && curl_easy_setopt(easy, option, value) == CURLE_OK;
+  }
+
+  CURL* const easy;
+  bool accepted;
+};
+
 // Counts what has arrived. False where that is too much.
 bool take(Transfer& transfer, std::size_t bytes) {
   transfer.received += bytes;
@@ -186,6 +201,9 @@ class Network {
 
  private:
   bool start() {
+    // Else the TLS library would take itself down at exit, perhaps before our own threads are told
+    // to stop.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
     multi_ = curl_multi_init();
     share_ = curl_share_init();
@@ -194,11 +212,8 @@ class Network {
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     trust_ = TrustStore::system();
-    // The TLS library takes itself down at exit. By then curl must not be in it any more, nor come
-    // back: the lock is never given back. Registered after the TLS library's own handler, and so
-    // called before it.
-    std::atexit([] { shared().atWork_.lock(); });
-    return startThread("quorva-network", [] { shared().run(); });
+    return startThread(
+        "quorva-network", [] { shared().run(); }, [] { shared().atWork_.lock(); });
   }
 
   [[noreturn]] void run() {
@@ -234,7 +249,7 @@ class Network {
 
   void begin(Transfer& transfer) {
     if (idle_.empty()) {
-      transfer.easy = curl_easy_init();
+      transfer.easy = create();
     } else {
       transfer.easy = idle_.back();
       idle_.pop_back();
@@ -250,60 +265,62 @@ class Network {
     underWay_.push_back(&transfer);
   }
 
+  // A handle with all that holds for every request; null where curl has none to give.
+  CURL* create() const {
+    CURL* easy = curl_easy_init();
+    Options options(easy);
+    options.set(CURLOPT_PROTOCOLS_STR, "https");
+    options.set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    options.set(CURLOPT_FOLLOWLOCATION, 1L);
+    options.set(CURLOPT_MAXREDIRS, maximumRedirects);
+    options.set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
+    options.set(CURLOPT_PIPEWAIT, 1L);
+    options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+    options.set(CURLOPT_SHARE, share_);
+    options.set(CURLOPT_COOKIEFILE, "");  // cookies, and in memory
+    options.set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
+    options.set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
+    options.set(CURLOPT_NOSIGNAL, 1L);
+    options.set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
+    options.set(CURLOPT_HEADERFUNCTION, takeHeader);
+    options.set(CURLOPT_WRITEFUNCTION, takeBody);
+    options.set(CURLOPT_POST, 1L);
+    if (options.accepted) return easy;
+    curl_easy_cleanup(easy);
+    return nullptr;
+  }
+
+  // Sets all that is the request's own, over what an earlier one left.
   bool configure(Transfer& transfer) {
-    CURL* easy = transfer.easy;
     const URLRequest& request = transfer.request;
-    bool accepted = true;
-    const auto set = [&](CURLoption option, auto value) {
-      accepted = accepted && curl_easy_setopt(easy, option, value) == CURLE_OK;
-    };
+    Options options(transfer.easy);
     const auto append = [&](Headers& list, const std::string& line) {
       curl_slist* longer = curl_slist_append(list.get(), line.c_str());
-      accepted = accepted && longer;
+      options.accepted = options.accepted && longer;
       static_cast<void>(list.release());
       list.reset(longer);
     };
     for (const auto& header : request.headers) append(transfer.headers, header);
     append(transfer.headers, "Expect:");  // a large body goes out at once, without asking first
-
-    set(CURLOPT_URL, request.url.absoluteString().c_str());
-    set(CURLOPT_PROTOCOLS_STR, "https");
-    set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
-    set(CURLOPT_FOLLOWLOCATION, 1L);
-    set(CURLOPT_MAXREDIRS, maximumRedirects);
-    set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-    set(CURLOPT_PIPEWAIT, 1L);
-    set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
-    set(CURLOPT_CAINFO, trust_.file);
-    set(CURLOPT_CAPATH, trust_.folder);
-    set(CURLOPT_SHARE, share_);
-    set(CURLOPT_COOKIEFILE, "");  // in memory
-    set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
-    set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
-    set(CURLOPT_NOSIGNAL, 1L);
-    set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
-    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout.count()));
-
-    set(CURLOPT_POST, 1L);
-    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
-    set(CURLOPT_POSTFIELDS, request.body.data());
-    set(CURLOPT_HTTPHEADER, transfer.headers.get());
-    set(CURLOPT_HEADERFUNCTION, takeHeader);
-    set(CURLOPT_HEADERDATA, &transfer);
-    set(CURLOPT_WRITEFUNCTION, takeBody);
-    set(CURLOPT_WRITEDATA, &transfer);
-    set(CURLOPT_ERRORBUFFER, transfer.message.data());
-    set(CURLOPT_PRIVATE, &transfer);
-
-    if (const auto routed = routeTo(request.url.host())) {
+    const auto routed = routeTo(request.url.host());
+    if (routed)
       append(transfer.connectTo,
              request.url.host() + "::127.0.0.1:" + std::to_string(routed->port));
-      set(CURLOPT_CONNECT_TO, transfer.connectTo.get());
-      set(CURLOPT_NOPROXY, "*");
-      set(CURLOPT_CAINFO, routed->certificateAuthority.c_str());
-      set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
-    }
-    return accepted;
+
+    options.set(CURLOPT_URL, request.url.absoluteString().c_str());
+    options.set(CURLOPT_HTTPHEADER, transfer.headers.get());
+    options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    options.set(CURLOPT_POSTFIELDS, request.body.data());
+    options.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout.count()));
+    options.set(CURLOPT_CONNECT_TO, transfer.connectTo.get());
+    options.set(CURLOPT_NOPROXY, routed ? "*" : nullptr);
+    options.set(CURLOPT_CAINFO, routed ? routed->certificateAuthority.c_str() : trust_.file);
+    options.set(CURLOPT_CAPATH, routed ? nullptr : trust_.folder);
+    options.set(CURLOPT_HEADERDATA, &transfer);
+    options.set(CURLOPT_WRITEDATA, &transfer);
+    options.set(CURLOPT_ERRORBUFFER, transfer.message.data());
+    options.set(CURLOPT_PRIVATE, &transfer);
+    return options.accepted;
   }
 
   void end(Transfer& transfer, CURLcode code) {
@@ -341,7 +358,7 @@ class Network {
     CURL* easy = std::exchange(transfer.easy, nullptr);
     curl_multi_remove_handle(multi_, easy);
     if (idle_.size() == idleHandles) return curl_easy_cleanup(easy);
-    curl_easy_reset(easy);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);  // it ends with the transfer
     idle_.push_back(easy);
   }
 
@@ -351,7 +368,7 @@ class Network {
   std::vector<Transfer*> submitted_;
   std::map<std::string, URLSession::Route> routes_;
 
-  std::mutex atWork_;  // held while curl is at work
+  std::mutex atWork_;  // held while curl is at work; taken for good at exit
 
   // Constant once the thread runs:
   CURLM* multi_ = nullptr;
