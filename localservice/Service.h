@@ -1,0 +1,32 @@
+// What the local service answers to a request.
+//
+// Any thread. What fails on the way is no exception but an answer with the status 500.
+
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "localservice/Store.h"
+
+namespace localservice {
+
+struct Service {
+  Store& store;  // outlives the service
+  std::set<std::string> refusedKeys;
+};
+
+struct Answer {
+  int status;
+  nlohmann::json body;
+};
+
+[[nodiscard]] Answer answer(const Service& service, std::string_view method, std::string_view path,
+                            std::string_view body);
+
+/// The answer to a request that isn't granted; `detail` tells a person why.
+[[nodiscard]] Answer refusal(int status, const std::string& detail);
+
+}  // namespace localservice

@@ -1,0 +1,127 @@
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <set>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "localservice/Certificates.h"
+#include "localservice/Server.h"
+#include "localservice/Service.h"
+#include "localservice/Store.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    R"(Usage: quorva-localservice --directory DIR [--port N] [--host NAME] [--refuse-key KEY]...
+
+Serves short links over HTTPS on 127.0.0.1, to develop and test against, until SIGINT or SIGTERM.
+
+  --directory DIR    where the devices, the links and the certificate authority are kept
+  --port N           the port to listen on; one that is free if not given
+  --host NAME        the host the certificate is for besides localhost and 127.0.0.1,
+                     )" QUORVA_SERVICE_HOST R"( if not given
+  --refuse-key KEY   an API key to refuse; may be given more than once
+  --help             print this and end
+)";
+
+constexpr int kBadArgumentsStatus = 2;
+
+struct BadArguments : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct Arguments {
+  std::filesystem::path directory;
+  std::uint16_t port = 0;
+  std::string host = QUORVA_SERVICE_HOST;
+  std::set<std::string> refusedKeys;
+};
+
+std::uint16_t parsePort(std::string_view text) {
+  std::uint16_t port = 0;
+  const auto [end, error] = std::from_chars(text.begin(), text.end(), port);
+  if (error != std::errc() || end != text.end()) {
+    throw BadArguments("--port must be a number from 0 to 65535");
+  }
+  return port;
+}
+
+Arguments parse(std::span<char*> words) {
+  Arguments arguments;
+  const std::map<std::string_view, std::function<void(const char*)>> options{
+      {"--directory", [&](const char* value) { arguments.directory = value; }},
+      {"--port", [&](const char* value) { arguments.port = parsePort(value); }},
+      {"--host", [&](const char* value) { arguments.host = value; }},
+      {"--refuse-key", [&](const char* value) { arguments.refusedKeys.insert(value); }}};
+  for (; !words.empty(); words = words.subspan(2)) {
+    const auto option = options.find(words[0]);
+    if (option == options.end()) throw BadArguments(std::string(words[0]) + " is unknown");
+    if (words.size() == 1) throw BadArguments(std::string(words[0]) + " needs a value");
+    option->second(words[1]);
+  }
+  if (arguments.directory.empty()) throw BadArguments("--directory is missing");
+  return arguments;
+}
+
+void run(Arguments arguments, const sigset_t& endSignals) {
+  std::error_code error;
+  std::filesystem::create_directories(arguments.directory, error);
+  if (error) {
+    throw std::runtime_error(arguments.directory.string() + " can't be made: " + error.message());
+  }
+  localservice::Store store(arguments.directory / "service.sqlite");
+  const auto authority = localservice::CertificateAuthority::openOrCreate(arguments.directory);
+  localservice::serve(
+      {store, std::move(arguments.refusedKeys)},
+      authority.issue({"localhost", "127.0.0.1", arguments.host}), arguments.port, [&](int port) {
+        std::printf(
+            "quorva-localservice listening on https://127.0.0.1:%d (certificate authority: %s)\n",
+            port, (arguments.directory / "ca.pem").c_str());
+        std::fflush(stdout);
+        int signal = 0;
+        sigwait(&endSignals, &signal);
+      });
+}
+
+}  // namespace
+
+int main(int count, char** values) {
+  // Blocked from here on and in every thread, they wait until they are asked for.
+  sigset_t endSignals;
+  sigemptyset(&endSignals);
+  sigaddset(&endSignals, SIGINT);
+  sigaddset(&endSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+  ::umask(S_IRWXG | S_IRWXO);
+
+  const std::span words = std::span(values, static_cast<std::size_t>(count)).subspan(1);
+  try {
+    if (std::ranges::find(words, std::string_view("--help")) != words.end()) {
+      std::fputs(kUsage, stdout);
+    } else {
+      run(parse(words), endSignals);
+    }
+    return EXIT_SUCCESS;
+  } catch (const BadArguments& error) {
+    std::fprintf(stderr, "quorva-localservice: %s; see --help\n", error.what());
+    return kBadArgumentsStatus;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "quorva-localservice: %s\n", error.what());
+    return EXIT_FAILURE;
+  }
+}

@@ -1,0 +1,115 @@
+// An HTTPS server for tests that answers as it is told, well or badly, and records what it was
+// sent, so that what a test checks is the wire.
+//
+// Threads: any thread may ask it; one thread accepts and each connection has its own, on which the
+// handler is called, so handlers of several connections run at the same time.
+// Errors: setting up and waiting in vain throw std::runtime_error. A peer that leaves, or speaks
+// something other than HTTP/1.1, only ends its connection; an exception out of a handler ends the
+// process.
+// Lifetime: the destructor closes every connection and joins the threads. It waits for handlers
+// that are still running: whoever holds one back has to let it go first.
+
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "localservice/Certificates.h"
+
+struct ssl_ctx_st;
+
+namespace quorva::test {
+
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
+struct ReceivedRequest {
+  std::string method;
+  std::string target;
+  Headers headers;   ///< As sent, in their order.
+  std::string body;  ///< Without its chunks, if it came in chunks.
+
+  /// The first header of that name, whatever its case.
+  [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
+};
+
+/// What goes onto the wire, and what becomes of the connection then.
+struct Reply {
+  enum class Then {
+    keepAlive,
+    close,  ///< In good order: TLS says goodbye first.
+    reset,
+    hold,  ///< Silent until the peer goes or the server ends.
+  };
+
+  std::string bytes;
+  Then then = Then::keepAlive;
+
+  /// A well-formed reply with its Content-Length.
+  [[nodiscard]] static Reply http(int status, const Headers& headers, std::string_view body = {});
+  [[nodiscard]] static Reply json(int status, std::string_view body);
+};
+
+/// What a new connection meets.
+enum class Greeting {
+  tls,
+  garbage,  ///< Plain bytes that are no TLS.
+  silence,
+  close,
+};
+
+class ScriptedServer {
+ public:
+  using Handler = std::function<Reply(const ReceivedRequest&)>;
+
+  /// Listens on 127.0.0.1 when this returns.
+  ScriptedServer(const localservice::Identity& identity, Handler handler,
+                 Greeting greeting = Greeting::tls);
+  ScriptedServer(const ScriptedServer&) = delete;
+  ScriptedServer& operator=(const ScriptedServer&) = delete;
+  ~ScriptedServer();
+
+  [[nodiscard]] std::uint16_t port() const { return port_; }
+
+  /// Those received in full so far, in the order of their arrival.
+  [[nodiscard]] std::vector<ReceivedRequest> requests() const;
+
+  /// Waits for the `index`th request, counted from 0, for 20 seconds at most.
+  ReceivedRequest waitForRequest(std::size_t index);
+
+  /// How many were accepted so far.
+  [[nodiscard]] std::size_t connections() const;
+
+ private:
+  void acceptAll();
+  void serve(int socket);
+  void converse(int socket);
+
+  const std::shared_ptr<ssl_ctx_st> tls_;
+  const Handler handler_;
+  const Greeting greeting_;
+  int listener_ = -1;
+  std::uint16_t port_ = 0;
+
+  mutable std::mutex mutex_;  // guards everything below but acceptor_
+  std::condition_variable received_;
+  std::vector<ReceivedRequest> requests_;
+  std::set<int> open_;
+  std::vector<std::jthread> connections_;
+  std::jthread acceptor_;
+};
+
+/// A port of 127.0.0.1 that refuses connections for as long as this process lives.
+[[nodiscard]] std::uint16_t unusedPort();
+
+}  // namespace quorva::test

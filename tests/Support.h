@@ -1,0 +1,55 @@
+// What several tests need: a fresh installation, and a main queue that is emptied until something
+// has happened.
+
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace quorva::test {
+
+/// A directory of its own, gone with the value.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  ~TemporaryDirectory();
+
+  [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+/// Empties the main queue until `happened` holds; false if it doesn't within 20 seconds. Looks
+/// again whenever there was something in the queue or there is something to read from `descriptor`.
+[[nodiscard]] bool drainUntil(const std::function<bool()>& happened, int descriptor = -1);
+
+/// Takes what is written to standard output as long as it lives, for log lines.
+class Console {
+ public:
+  Console();
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
+  ~Console();
+
+  /// Empties the main queue until `count` lines have come, and gives them without their times and
+  /// line numbers:
+  /// "[level] [file] function: message".
+  [[nodiscard]] std::vector<std::string> waitForLines(std::size_t count);
+
+  /// All that has come so far, as it came.
+  [[nodiscard]] const std::string& text();
+
+ private:
+  int saved_ = -1;
+  int reading_ = -1;
+  std::string text_;
+};
+
+void writeFile(const std::filesystem::path& file, const std::string& text);
+
+}  // namespace quorva::test

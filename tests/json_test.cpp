@@ -1,0 +1,179 @@
+// JSON in and out: what is accepted, what each refusal is called, and the exact bytes written.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <limits>
+
+#include "platform/Codable.h"
+#include "tests/Vectors.h"
+
+namespace quorva::platform {
+namespace {
+
+using namespace std::string_view_literals;
+using Strings = std::map<std::string, std::string>;
+
+enum class Two : std::int64_t { one = 1, two = 2 };
+
+struct Texts {
+  std::optional<std::string> a;
+  std::optional<std::string> b;
+  static auto codingKeys() {
+    return std::tuple{CodingKey{"a", &Texts::a}, CodingKey{"b", &Texts::b}};
+  }
+};
+
+template <class T>
+struct Only {
+  T a;
+  static auto codingKeys() { return std::tuple{CodingKey{"a", &Only::a}}; }
+};
+
+std::string name(const DecodingError& error) {
+  constexpr std::array kinds{"dataCorrupted", "typeMismatch", "keyNotFound", "valueNotFound"};
+  std::string text = kinds.at(static_cast<std::size_t>(error.kind));
+  for (const auto& key : error.codingPath)
+    text += (key == error.codingPath.front() ? " " : ".") + key;
+  return text;
+}
+
+// The value that `json` decodes to, written again, or the error's name and its path.
+template <class T>
+std::string outcome(std::string_view json) {
+  try {
+    const T value = decodeText<T>(json);
+    if constexpr (isOptional<T>) {
+      return value ? *serializeJSON(encode(*value)) : "null";
+    } else {
+      return *serializeJSON(encode(value));
+    }
+  } catch (const Error& error) {
+    return name(*error.as<DecodingError>());
+  }
+}
+
+}  // namespace
+
+template <>
+inline constexpr std::array allCases<Two>{Two::one, Two::two};
+
+namespace {
+
+TEST(JSON, DecodesToTheValueOrTheRightError) {
+  const std::map<std::string, std::string (*)(std::string_view)> decoders{
+      {"{a: String?, b: String?}", outcome<Texts>},
+      {"{a: String}", outcome<Only<std::string>>},
+      {"{a: 1 or 2}", outcome<Only<Two>>},
+      {"{a: Int}", outcome<Only<std::int64_t>>},
+      {"{a: Double}", outcome<Only<double>>},
+      {"{a: Bool?}", outcome<Only<std::optional<bool>>>},
+      {"{a: [String: String]?}", outcome<Only<std::optional<Strings>>>},
+      {"{a: URL?}", outcome<Only<std::optional<URL>>>},
+      {"Int", outcome<std::int64_t>},
+      {"String", outcome<std::string>},
+      {"String?", outcome<std::optional<std::string>>},
+      {"Bool", outcome<bool>},
+  };
+  const auto rows = test::vectors("decoding.json");
+  EXPECT_EQ(rows.size(), 101U);
+  for (const auto& row : rows) {
+    const std::string json =
+        row.contains("json") ? row.at("json").get<std::string>() : test::bytes(row.at("json_hex"));
+    const std::string result = decoders.at(row.at("decode"))(json);
+    if (row.contains("written")) {
+      EXPECT_EQ(result, row.at("written")) << row;
+    } else {
+      // Where only the kind of the error is known, any path will do.
+      const std::string error = row.at("error");
+      EXPECT_EQ(error.find(' ') != error.npos ? result : result.substr(0, result.find(' ')), error)
+          << row;
+    }
+  }
+}
+
+TEST(JSON, BoundsItsDepthAndReadsTheWholeText) {
+  const auto nested = [](std::size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+  };
+  EXPECT_TRUE(parseJSON(nested(512)));
+  EXPECT_FALSE(parseJSON(nested(513)));
+  EXPECT_FALSE(parseJSON(std::string(1'000'000, '[')));
+  for (const auto text :
+       {""sv,           " "sv,       "1 2"sv,       "{} {}"sv, "[1,]"sv,  "{\"a\":1,}"sv,
+        "[1}"sv,        "01"sv,      "1e"sv,        "[1]]"sv,  "nulll"sv, "[nul]"sv,
+        "tru"sv,        "\"\\x\""sv, "[1 2]"sv,     "-01"sv,   "[.5]"sv,  "{\"a\":1 \"b\":2}"sv,
+        "[\"\xFF\"]"sv, "\"a\" x"sv, "true false"sv}) {
+    EXPECT_FALSE(parseJSON(text)) << text;
+  }
+}
+
+TEST(JSON, WritesDoublesShortest) {
+  const std::pair<double, std::string_view> rows[] = {
+      {0.0, "0"},
+      {-0.0, "-0"},
+      {390, "390"},
+      {390.5, "390.5"},
+      {390.1, "390.1"},
+      {100000, "100000"},
+      {0.30000000000000004, "0.30000000000000004"},
+      {9007199254740992, "9007199254740992"},
+      {1e16, "1e+16"},
+      {1e20, "1e+20"},
+      {1e21, "1e+21"},
+      {1.2345678901234568e17, "1.2345678901234568e+17"},
+      {0.0001, "0.0001"},
+      {1e-5, "1e-05"},
+      {1e-7, "1e-07"},
+      {5e-324, "5e-324"},
+      {1.7976931348623157e308, "1.7976931348623157e+308"},
+      {1.0 / 3, "0.3333333333333333"},
+      {-1.5, "-1.5"},
+      {2.5e-8, "2.5e-08"}};
+  for (const auto& [value, text] : rows) EXPECT_EQ(*serializeJSON(value), text);
+}
+
+TEST(JSON, WritesTextsAndContainersCompactly) {
+  const std::pair<JSONValue, std::string_view> rows[] = {
+      {JSONValue(), "null"},
+      {true, "true"},
+      {false, "false"},
+      {std::numeric_limits<std::int64_t>::min(), "-9223372036854775808"},
+      {"\"\\", R"("\"\\")"},
+      {"https://h/p?q=1#f", R"("https:\/\/h\/p?q=1#f")"},
+      {"\b\f\n\r\t\x01\x1F\x7F", "\"\\b\\f\\n\\r\\t\\u0001\\u001f\x7F\""},
+      {"\0"sv, R"("\u0000")"},
+      {"é日😀\u2028\u2029\u0085\u00A0\uFEFF", "\"é日😀\u2028\u2029\u0085\u00A0\uFEFF\""},
+      {JSONValue::Object{{"z", "1"}, {"a", 2}, {"é", 3}}, R"({"z":"1","a":2,"é":3})"},
+      {JSONValue::Object{{"d", JSONValue::Object{{"a", JSONValue::Array{1, "x"}}}}},
+       R"({"d":{"a":[1,"x"]}})"}};
+  for (const auto& [value, text] : rows) EXPECT_EQ(*serializeJSON(value), text);
+}
+
+TEST(JSON, RefusesToWriteWhatItCannotHold) {
+  for (const JSONValue& value :
+       {JSONValue("\xFF"), JSONValue(std::numeric_limits<double>::infinity()),
+        JSONValue(JSONValue::Object{{"\xC0\x80", 1}})}) {
+    const auto result = serializeJSON(value);
+    ASSERT_FALSE(result);
+    EXPECT_TRUE(result.error().as<EncodingError>());
+    EXPECT_EQ(result.error().localizedDescription(),
+              "The data couldn’t be written because it isn’t in the correct format.");
+  }
+}
+
+TEST(JSON, ErrorsReadAsTwoTexts) {
+  const auto text = [](DecodingError::Kind kind) { return DecodingError(kind).errorDescription(); };
+  const std::string_view wrong =
+      "The data couldn’t be read because it isn’t in the correct format.";
+  const std::string_view missing = "The data couldn’t be read because it is missing.";
+  EXPECT_EQ(text(DecodingError::Kind::dataCorrupted), wrong);
+  EXPECT_EQ(text(DecodingError::Kind::typeMismatch), wrong);
+  EXPECT_EQ(text(DecodingError::Kind::keyNotFound), missing);
+  EXPECT_EQ(text(DecodingError::Kind::valueNotFound), missing);
+  EXPECT_EQ(outcome<Only<std::string>>(R"({"a":null})"), "valueNotFound a");
+  EXPECT_EQ(outcome<Only<std::string>>("null"), "valueNotFound");
+}
+
+}  // namespace
+}  // namespace quorva::platform

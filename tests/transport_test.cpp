@@ -1,0 +1,284 @@
+// HTTPS against a server that behaves as badly as it's told to: each request has one outcome, and
+// the right one.
+
+#include <gtest/gtest.h>
+
+#include <latch>
+#include <thread>
+
+#include "platform/URLError.h"
+#include "platform/URLSession.h"
+#include "tests/ScriptedServer.h"
+#include "tests/Support.h"
+
+namespace quorva::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using localservice::CertificateAuthority;
+using localservice::Validity;
+using test::drainUntil;
+using test::Greeting;
+using test::ReceivedRequest;
+using test::Reply;
+using test::ScriptedServer;
+using Code = URLError::Code;
+
+constexpr const char* host = "service.example";
+
+std::string address(const std::string& path = "/") {
+  return std::string("https://") + host + path;
+}
+
+class Transport : public testing::Test {
+ protected:
+  static const CertificateAuthority& authority() {
+    static const auto authority = CertificateAuthority::create();
+    return authority;
+  }
+
+  std::filesystem::path file(const CertificateAuthority& of) const {
+    const auto path = directory_.path() / "ca.pem";
+    test::writeFile(path, of.certificatePEM());
+    return path;
+  }
+
+  // Starts a request, whose outcome `take` waits for.
+  struct Pending {
+    std::optional<Result<HTTPResponse>> outcome;
+    Result<HTTPResponse> take() {
+      if (!drainUntil([&] { return outcome.has_value(); })) throw std::runtime_error("no outcome");
+      return *outcome;
+    }
+  };
+  std::shared_ptr<Pending> begin(const std::string& url, std::string body = "{}",
+                                 std::chrono::milliseconds timeout = 20s) const {
+    URLRequest request(URL::parse(url).value());
+    request.headers = {"Content-Type: application/json"};
+    request.body = std::move(body);
+    request.timeout = timeout;
+    auto pending = std::make_shared<Pending>();
+    start(URLSession::post(std::move(request)),
+          [pending](Result<HTTPResponse> result) { pending->outcome = std::move(result); });
+    return pending;
+  }
+  Result<HTTPResponse> post(const std::string& url = address(), std::string body = "{}",
+                            std::chrono::milliseconds timeout = 20s) const {
+    return begin(url, std::move(body), timeout)->take();
+  }
+
+  // Sends requests for `host` to `server`.
+  void route(const ScriptedServer& server) const {
+    URLSession::route(host, {server.port(), file(authority())});
+  }
+
+  // The error of a request that `reply` answers.
+  std::optional<Code> errorFor(const Reply& reply, Greeting greeting = Greeting::tls) const {
+    const ScriptedServer server(
+        authority().issue({host}), [&](const auto&) { return reply; }, greeting);
+    route(server);
+    return code(
+        post(address(), "{}",
+             reply.then == Reply::Then::hold || greeting == Greeting::silence ? 200ms : 20s));
+  }
+
+  static std::optional<Code> code(const Result<HTTPResponse>& result) {
+    const auto* error = result ? nullptr : result.error().as<URLError>();
+    return error ? std::optional(error->code) : std::nullopt;
+  }
+
+ private:
+  const test::TemporaryDirectory directory_;
+};
+
+std::string headers(std::string_view more) {
+  return "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n" + std::string(more) + "\r\n";
+}
+
+TEST_F(Transport, SendsOneRequestAndGivesTheWholeReply) {
+  const std::string large(3 << 20, 'x');
+  const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
+    return Reply::http(request.body.empty() ? 204 : 599, {{"Content-Type", "text/plain"}},
+                       request.body);
+  });
+  route(server);
+  const auto result = post(address("/a?b=c"), large);
+  EXPECT_EQ(result->statusCode, 599) << "any status is a reply";
+  EXPECT_EQ(result->body, large);
+  EXPECT_EQ(post(address(), "")->statusCode, 204);
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_EQ(requests[0].method, "POST");
+  EXPECT_EQ(requests[0].target, "/a?b=c");
+  EXPECT_EQ(requests[0].header("Host"), host);
+  EXPECT_EQ(requests[0].header("Expect"), std::nullopt);
+  EXPECT_EQ(server.connections(), 1U) << "kept alive";
+}
+
+TEST_F(Transport, TellsWhatTheWireDid) {
+  using Then = Reply::Then;
+  const auto raw = [](std::string bytes, Then then = Then::close) {
+    return Reply{std::move(bytes), then};
+  };
+  struct Row {
+    const char* what;
+    Reply reply;
+    Greeting greeting;
+    std::optional<Code> expected;
+  };
+  const Row rows[] = {
+      {"closed without a word", raw(""), Greeting::tls, Code::networkConnectionLost},
+      {"reset without a word", raw("", Then::reset), Greeting::tls, Code::networkConnectionLost},
+      {"half a status line", raw("HTTP/1.1 20"), Greeting::tls, Code::networkConnectionLost},
+      {"half a body", raw(headers("Content-Length: 100\r\n") + "half"), Greeting::tls,
+       Code::networkConnectionLost},
+      {"half a body, then reset", raw(headers("Content-Length: 100\r\n") + "half", Then::reset),
+       Greeting::tls, Code::networkConnectionLost},
+      {"half a chunk", raw(headers("Transfer-Encoding: chunked\r\n") + "a\r\nhalf"), Greeting::tls,
+       Code::networkConnectionLost},
+      {"no HTTP", raw("{\"uuid\":\"u\"}\n"), Greeting::tls, Code::cannotParseResponse},
+      {"bytes at random", raw("\x01\x02\xFF\xFE\r\n\r\n"), Greeting::tls,
+       Code::cannotParseResponse},
+      {"no gzip under its name",
+       raw(headers("Content-Encoding: gzip\r\nContent-Length: 4\r\n") + "abcd"), Greeting::tls,
+       Code::cannotParseResponse},
+      {"silence", raw("", Then::hold), Greeting::tls, Code::timedOut},
+      {"silence in the headers", raw("HTTP/1.1 200 OK\r\nA: b", Then::hold), Greeting::tls,
+       Code::timedOut},
+      {"silence in the body", raw(headers("Content-Length: 9\r\n") + "half", Then::hold),
+       Greeting::tls, Code::timedOut},
+      {"silence before TLS", raw(""), Greeting::silence, Code::timedOut},
+      {"no TLS", raw(""), Greeting::garbage, Code::secureConnectionFailed},
+      {"closed before TLS", raw(""), Greeting::close, Code::secureConnectionFailed},
+      {"a body that ends with the connection", raw(headers("") + "whole"), Greeting::tls,
+       std::nullopt},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(errorFor(row.reply, row.greeting), row.expected) << row.what;
+}
+
+TEST_F(Transport, TellsRefusedConnections) {
+  URLSession::route(host, {test::unusedPort(), file(authority())});
+  const Result<HTTPResponse> result = post();
+  EXPECT_EQ(code(result), Code::cannotConnectToHost);
+  EXPECT_EQ(result.error().localizedDescription(), "Could not connect to the server.");
+  EXPECT_NE(result.error().as<URLError>()->underlying, "") << "curl's own words";
+}
+
+TEST_F(Transport, TrustsOnlyTheRightCertificates) {
+  const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  const auto stranger = CertificateAuthority::create();
+  struct Row {
+    const char* what;
+    localservice::Identity identity;
+    std::optional<Code> expected;
+  };
+  const Row rows[] = {
+      {"good", authority().issue({host}), std::nullopt},
+      {"another name", authority().issue({"other.example"}), Code::serverCertificateUntrusted},
+      {"only the address", authority().issue({"127.0.0.1"}), Code::serverCertificateUntrusted},
+      {"unknown authority", stranger.issue({host}), Code::serverCertificateHasUnknownRoot},
+      {"expired", authority().issue({host}, Validity{now - 48h, now - 24h}),
+       Code::serverCertificateHasBadDate},
+      {"not yet valid", authority().issue({host}, Validity{now + 24h, now + 48h}),
+       Code::serverCertificateNotYetValid},
+  };
+  for (const auto& row : rows) {
+    const ScriptedServer server(row.identity, [](const auto&) { return Reply::json(200, "{}"); });
+    route(server);
+    EXPECT_EQ(code(post()), row.expected) << row.what;
+    EXPECT_EQ(server.requests().size(), row.expected ? 0U : 1U) << row.what;
+  }
+}
+
+TEST_F(Transport, TrustsNoDevelopmentAuthorityElsewhere) {
+  const ScriptedServer server(authority().issue({host, "127.0.0.1"}),
+                              [](const auto&) { return Reply::json(200, ""); });
+  route(server);
+  EXPECT_EQ(code(post("https://127.0.0.1:" + std::to_string(server.port()) + "/")),
+            Code::serverCertificateHasUnknownRoot);
+}
+
+TEST_F(Transport, FollowsRedirectsOverHTTPSOnly) {
+  const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
+    const auto redirect = [](int status, const std::string& to) {
+      return Reply::http(status, {{"Location", to}});
+    };
+    if (request.target == "/plain") return redirect(302, "http://" + std::string(host) + "/end");
+    if (request.target == "/file") return redirect(302, "file:///etc/passwd");
+    if (request.target == "/loop") return redirect(302, "/loop");
+    if (request.target == "/end") return Reply::json(200, request.method + " " + request.body);
+    return redirect(std::stoi(request.target.substr(1)), "/end");
+  });
+  route(server);
+  const std::pair<const char*, const char*> rows[] = {{"/301", "GET "},
+                                                      {"/302", "GET "},
+                                                      {"/303", "GET "},
+                                                      {"/307", "POST {}"},
+                                                      {"/308", "POST {}"}};
+  for (const auto& [path, seen] : rows) {
+    const auto result = post(address(path));
+    ASSERT_TRUE(result) << path << result.error().localizedDescription();
+    EXPECT_EQ(result->body, seen) << path;
+  }
+  EXPECT_EQ(code(post(address("/plain"))), Code::insecureConnection);
+  EXPECT_EQ(code(post(address("/file"))), Code::insecureConnection);
+  EXPECT_EQ(code(post("http://127.0.0.1/")), Code::insecureConnection);
+  const auto before = server.requests().size();
+  EXPECT_EQ(code(post(address("/loop"))), Code::httpTooManyRedirects);
+  EXPECT_EQ(server.requests().size() - before, 21U) << "20 are followed";
+}
+
+TEST_F(Transport, BoundsTheReply) {
+  const std::string most((16 << 20) - 1000, 'x');
+  const std::string more((16 << 20) + 1, 'x');
+  EXPECT_EQ(errorFor(Reply::http(200, {}, most)), std::nullopt);
+  EXPECT_EQ(errorFor(Reply::http(200, {}, more)), Code::dataLengthExceedsMaximum);
+  EXPECT_EQ(errorFor({headers("") + more, Reply::Then::close}), Code::dataLengthExceedsMaximum);
+}
+
+TEST_F(Transport, EveryReplyOnTheWayStartsTheTimerAnew) {
+  // What is measured is time itself: five replies, 400 ms apart, under a timer of one second.
+  const ScriptedServer server(authority().issue({host}), [](const ReceivedRequest& request) {
+    std::this_thread::sleep_for(400ms);
+    const auto hop = request.target.size();
+    return hop == 5 ? Reply::json(200, "")
+                    : Reply::http(307, {{"Location", "/" + std::string(hop, 'x')}});
+  });
+  route(server);
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_EQ(code(post(address(), "{}", 1s)), std::nullopt);
+  EXPECT_GE(std::chrono::steady_clock::now() - started, 2s);
+}
+
+TEST_F(Transport, KeepsCookiesInMemory) {
+  const ScriptedServer server(authority().issue({host}), [](const ReceivedRequest& request) {
+    return Reply::http(200, {{"Set-Cookie", "session=1; Path=/"}},
+                       request.header("Cookie").value_or("none"));
+  });
+  route(server);
+  EXPECT_EQ(post()->body, "none");
+  EXPECT_EQ(post()->body, "session=1");
+}
+
+TEST_F(Transport, ManyRequestsShareFewConnections) {
+  constexpr int count = 200;
+  std::latch all(6);
+  const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
+    if (request.target == "/first") all.arrive_and_wait();  // six are under way at once
+    return Reply::json(200, request.body);
+  });
+  route(server);
+  std::vector<std::shared_ptr<Pending>> pending;
+  for (int i = 0; i < count; ++i)
+    pending.push_back(begin(address(i < 6 ? "/first" : "/"), std::to_string(i)));
+  for (int i = 0; i < count; ++i) {
+    const auto result = pending[static_cast<std::size_t>(i)]->take();
+    ASSERT_TRUE(result) << result.error().localizedDescription();
+    EXPECT_EQ(result->body, std::to_string(i)) << "its own reply";
+  }
+  EXPECT_EQ(server.connections(), 6U);
+}
+
+}  // namespace
+}  // namespace quorva::platform

@@ -1,0 +1,105 @@
+// Texts, URLs, dates and errors.
+
+#include <gtest/gtest.h>
+
+#include "platform/Date.h"
+#include "platform/Error.h"
+#include "platform/Text.h"
+#include "platform/URL.h"
+#include "platform/URLError.h"
+#include "tests/Vectors.h"
+
+namespace quorva::platform {
+namespace {
+
+using namespace std::string_view_literals;
+
+TEST(Text, TrimsWhitespaceAndNothingElse) {
+  struct Row {
+    std::string_view text;
+    std::string_view trimmed;
+  };
+  const Row rows[] = {
+      {" ", ""},
+      {"\r\nabc\r\n", "abc"},
+      {"\u0301 a", "\u0301 a"},
+      {"\u00A0a\u00A0", "a"},
+      {"\u3000a", "a"},
+      {"\0a\0"sv, "\0a\0"sv},
+      {"a\u20D0 ", "a\u20D0"},
+      {"\u2800a", "\u2800a"},
+      {"\x08"
+       "a\x7F",
+       "\x08"
+       "a\x7F"},
+      {"\t\v\f \xC2\x85\u1680\u2000\u200A\u2028\u2029\u202F\u205F", ""},
+      {" a b ", "a b"},
+      {"\u200Ba\uFEFF", "\u200Ba\uFEFF"},
+      {"\x85"
+       "a\xA0",
+       "\x85"
+       "a\xA0"},  // bytes that only end white space's encodings
+  };
+  for (const auto& row : rows) EXPECT_EQ(trimmed(row.text), row.trimmed) << row.text;
+}
+
+TEST(URL, IsKeptEncodedOrRefused) {
+  const auto rows = test::vectors("urls.json");
+  for (const std::string text : rows.at("kept")) {
+    const auto url = URL::parse(text);
+    ASSERT_TRUE(url) << text;
+    EXPECT_EQ(url->absoluteString(), text);
+  }
+  for (const auto& [text, encoded] :
+       rows.at("encoded").get<std::vector<std::pair<std::string, std::string>>>()) {
+    EXPECT_EQ(URL::parse(text).value().absoluteString(), encoded);
+  }
+  for (const std::string text : rows.at("refused")) EXPECT_FALSE(URL::parse(text)) << text;
+  EXPECT_FALSE(URL::parse("https://example.com/\xFF"));
+}
+
+TEST(URL, NamesItsHost) {
+  const std::pair<std::string_view, std::string_view> rows[] = {
+      {"https://API.Example.com:8443/app/", "api.example.com"},
+      {"https://user@[::1]:80/", "[::1]"},
+      {"mailto:a@b.c", ""},
+      {"a//b", ""},
+      {"//h/p", "h"},
+      {"https:///p", ""}};
+  for (const auto& [text, host] : rows) {
+    EXPECT_EQ(URL::parse(text).value().host(), host) << text;
+  }
+}
+
+TEST(Date, IsWrittenInUTCToWholeSeconds) {
+  const std::pair<long, std::string_view> rows[] = {
+      {1741944414, "2025-03-14T09:26:54Z"}, {951782400, "2000-02-29T00:00:00Z"},
+      {1709164800, "2024-02-29T00:00:00Z"}, {253402300799, "9999-12-31T23:59:59Z"},
+      {4102444800, "2100-01-01T00:00:00Z"}, {-1, "1969-12-31T23:59:59Z"}};
+  for (const auto& [seconds, text] : rows) {
+    EXPECT_EQ(iso8601(std::chrono::sys_seconds(std::chrono::seconds(seconds))), text);
+  }
+}
+
+TEST(Error, CarriesItsErrorUnchanged) {
+  const Error error = URLError(URLError::Code::timedOut, "curl said so");
+  const Error copy = error;
+  ASSERT_TRUE(copy.as<URLError>());
+  EXPECT_EQ(copy.as<URLError>()->code, URLError::Code::timedOut);
+  EXPECT_EQ(copy.as<URLError>()->underlying, "curl said so");
+  EXPECT_EQ(copy.as<ForeignError>(), nullptr);
+  EXPECT_EQ(copy.localizedDescription(), "The request timed out.");
+  EXPECT_STREQ(copy.what(), "The request timed out.");
+}
+
+TEST(Error, TakesInAnyException) {
+  const auto description = [](auto thrown) {
+    return Error::from(std::make_exception_ptr(thrown)).localizedDescription();
+  };
+  EXPECT_EQ(description(Error(URLError(URLError::Code::badURL))), "bad URL");
+  EXPECT_EQ(description(std::runtime_error("host's own")), "host's own");
+  EXPECT_EQ(description(42), "unknown exception");
+}
+
+}  // namespace
+}  // namespace quorva::platform
