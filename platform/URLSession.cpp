@@ -324,9 +324,11 @@ class Network {
   }
 
   void end(Transfer& transfer, CURLcode code) {
-    transfer.response.statusCode =
-        static_cast<int>(info<long>(transfer.easy, CURLINFO_RESPONSE_CODE));
-    const bool answered = code == CURLE_OK;
+    const auto status = info<long>(transfer.easy, CURLINFO_RESPONSE_CODE);
+    transfer.response.statusCode = static_cast<int>(status);
+    // To curl any 1xx announces a reply, and it fails when none follows. One that HTTP doesn't know
+    // was the reply.
+    const bool answered = code == CURLE_OK || (status > 103 && status < 200);
     const Code error = answered ? Code() : errorCode(transfer.easy, code);
     std::string cause =
         transfer.message.front() ? transfer.message.data() : curl_easy_strerror(code);

@@ -2,21 +2,15 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
-#include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <csignal>
+#include <sstream>
 #include <stdexcept>
-#include <system_error>
 
 namespace quorva::test {
 namespace {
@@ -33,130 +27,66 @@ std::shared_ptr<SSL_CTX> tlsOf(const localservice::Identity& identity) {
   const std::shared_ptr<EVP_PKEY> key(
       PEM_read_bio_PrivateKey(reading(identity.privateKeyPEM).get(), nullptr, nullptr, nullptr),
       EVP_PKEY_free);
-  if (!tls || !certificate || !key ||
-      SSL_CTX_set_min_proto_version(tls.get(), TLS1_2_VERSION) != 1 ||
-      SSL_CTX_use_certificate(tls.get(), certificate.get()) != 1 ||
+  if (SSL_CTX_use_certificate(tls.get(), certificate.get()) != 1 ||
       SSL_CTX_use_PrivateKey(tls.get(), key.get()) != 1) {
-    ERR_clear_error();
     throw std::runtime_error("the scripted server can't use its certificate and key");
   }
   return tls;
 }
 
-struct Port {
-  int socket;
-  std::uint16_t number;
-};
-
-Port openPort(bool listening) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+int boundSocket() {
+  const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (socket < 0 || bind(socket, generic, size) != 0 || getsockname(socket, generic, &size) != 0 ||
-      (listening && listen(socket, SOMAXCONN) != 0)) {
-    const int error = errno;
-    close(socket);
-    throw std::system_error(error, std::generic_category(), "no loopback port");
+  if (bind(bound, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    throw std::runtime_error("no loopback port");
   }
-  return {socket, ntohs(address.sin_port)};
+  return bound;
+}
+
+std::uint16_t portOf(int bound) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
 }
 
 /// Also returns when the server itself has shut the socket down.
 void waitUntilPeerGoes(int socket) {
-  pollfd ending{socket, POLLRDHUP, 0};
-  while (poll(&ending, 1, -1) < 0) {
+  char ignored[1024];
+  while (recv(socket, ignored, sizeof ignored, 0) > 0) {
   }
 }
 
-/// Thrown when a connection has nothing more to offer: the peer has left or speaks no HTTP.
-struct Ended {};
-
-/// The plain text of a TLS connection.
-class Stream {
- public:
-  Stream(SSL_CTX* tls, int socket) : ssl_(SSL_new(tls), SSL_free) {
-    if (!ssl_ || SSL_set_fd(ssl_.get(), socket) != 1 || SSL_accept(ssl_.get()) != 1) throw Ended();
-  }
-
-  std::string take(std::size_t size) {
-    while (buffer_.size() < size) receive();
-    std::string taken = buffer_.substr(0, size);
-    buffer_.erase(0, size);
-    return taken;
-  }
-
-  std::string line() {
-    std::size_t end = 0;
-    while ((end = buffer_.find("\r\n")) == std::string::npos) receive();
-    std::string taken = take(end);
-    buffer_.erase(0, 2);
-    return taken;
-  }
-
-  void write(std::string_view bytes) {
-    std::size_t written = 0;
-    if (!bytes.empty() && SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &written) != 1) {
-      throw Ended();
-    }
-  }
-
-  void sayGoodbye() { SSL_shutdown(ssl_.get()); }
-
- private:
-  void receive() {
-    char bytes[16 * 1024];
-    std::size_t size = 0;
-    if (SSL_read_ex(ssl_.get(), bytes, sizeof bytes, &size) != 1) throw Ended();
-    buffer_.append(bytes, size);
-  }
-
-  const std::shared_ptr<SSL> ssl_;
-  std::string buffer_;
-};
-
-std::size_t sizeIn(std::string_view text, int base) {
+/// Appends what comes next; false when the peer has gone.
+bool receive(SSL* ssl, std::string& bytes) {
+  char more[16 * 1024];
   std::size_t size = 0;
-  if (std::from_chars(text.data(), text.data() + text.size(), size, base).ec != std::errc()) {
-    throw Ended();
-  }
-  return size;
+  const bool received = SSL_read_ex(ssl, more, sizeof more, &size) == 1;
+  bytes.append(more, size);
+  return received;
 }
 
-std::string readChunks(Stream& stream) {
-  std::string body;
-  while (const std::size_t size = sizeIn(stream.line(), 16)) {
-    body += stream.take(size);
-    stream.line();
+std::optional<ReceivedRequest> receiveRequest(SSL* ssl) {
+  constexpr std::string_view blankLine = "\r\n\r\n";
+  std::string bytes;
+  while (bytes.find(blankLine) == bytes.npos) {
+    if (!receive(ssl, bytes)) return std::nullopt;
   }
-  while (!stream.line().empty()) {
-  }
-  return body;
-}
-
-ReceivedRequest readRequest(Stream& stream) {
-  const std::string start = stream.line();
-  const std::size_t afterMethod = start.find(' ');
-  const std::size_t afterTarget = start.rfind(' ');
-  if (afterMethod == afterTarget) throw Ended();
-
   ReceivedRequest request;
-  request.method = start.substr(0, afterMethod);
-  request.target = start.substr(afterMethod + 1, afterTarget - afterMethod - 1);
-  for (std::string line = stream.line(); !line.empty(); line = stream.line()) {
-    const std::size_t colon = line.find(':');
-    if (colon == std::string::npos) throw Ended();
-    const std::size_t value = std::min(line.find_first_not_of(" \t", colon + 1), line.size());
-    request.headers.emplace_back(line.substr(0, colon), line.substr(value));
+  request.body = bytes.substr(bytes.find(blankLine) + blankLine.size());
+  std::istringstream head(bytes);
+  std::string line;
+  head >> request.method >> request.target;
+  std::getline(head, line);
+  while (std::getline(head, line) && line != "\r") {
+    const std::size_t colon = line.find(": ");
+    request.headers.emplace(line.substr(0, colon), line.substr(colon + 2, line.size() - colon - 3));
   }
-
-  if (request.header("Expect")) stream.write("HTTP/1.1 100 Continue\r\n\r\n");
-  if (request.header("Transfer-Encoding")) {
-    request.body = readChunks(stream);
-  } else if (const auto length = request.header("Content-Length")) {
-    request.body = stream.take(sizeIn(*length, 10));
+  const std::size_t length = std::stoul(request.header("Content-Length").value_or("0"));
+  while (request.body.size() < length) {
+    if (!receive(ssl, request.body)) return std::nullopt;
   }
   return request;
 }
@@ -164,10 +94,7 @@ ReceivedRequest readRequest(Stream& stream) {
 }  // namespace
 
 std::optional<std::string> ReceivedRequest::header(std::string_view name) const {
-  const auto found = std::find_if(headers.begin(), headers.end(), [name](const auto& header) {
-    return header.first.size() == name.size() &&
-           strncasecmp(header.first.data(), name.data(), name.size()) == 0;
-  });
+  const auto found = headers.find(name);
   return found == headers.end() ? std::nullopt : std::optional(found->second);
 }
 
@@ -184,10 +111,12 @@ Reply Reply::json(int status, std::string_view body) {
 
 ScriptedServer::ScriptedServer(const localservice::Identity& identity, Handler handler,
                                Greeting greeting)
-    : tls_(tlsOf(identity)), handler_(std::move(handler)), greeting_(greeting) {
-  const Port port = openPort(true);
-  listener_ = port.socket;
-  port_ = port.number;
+    : tls_(tlsOf(identity)),
+      handler_(std::move(handler)),
+      greeting_(greeting),
+      listener_(boundSocket()),
+      port_(portOf(listener_)) {
+  if (listen(listener_, SOMAXCONN) != 0) throw std::runtime_error("can't listen");
   // Inherited by the connections: a reply isn't to wait until the session tickets are acknowledged.
   const int noDelay = 1;
   setsockopt(listener_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
@@ -212,10 +141,9 @@ std::vector<ReceivedRequest> ScriptedServer::requests() const {
 
 ReceivedRequest ScriptedServer::waitForRequest(std::size_t index) {
   std::unique_lock lock(mutex_);
-  if (!received_.wait_for(lock, std::chrono::seconds(20),
-                          [&] { return requests_.size() > index; })) {
-    throw std::runtime_error("waited in vain for request " + std::to_string(index) + ": only " +
-                             std::to_string(requests_.size()) + " came");
+  const auto hasCome = [&] { return requests_.size() > index; };
+  if (!received_.wait_for(lock, std::chrono::seconds(20), hasCome)) {
+    throw std::runtime_error("waited in vain for request " + std::to_string(index));
   }
   return requests_[index];
 }
@@ -241,10 +169,7 @@ void ScriptedServer::acceptAll() {
 
 void ScriptedServer::serve(int socket) {
   constexpr std::string_view noTLS = "This is no TLS.\r\n";
-  try {
-    if (greeting_ == Greeting::tls) converse(socket);
-  } catch (const Ended&) {
-  }
+  if (greeting_ == Greeting::tls) converse(socket);
   if (greeting_ == Greeting::garbage) send(socket, noTLS.data(), noTLS.size(), 0);
   // Only the sending half: closed altogether, it would answer the peer's first bytes by a reset.
   if (greeting_ == Greeting::close) shutdown(socket, SHUT_WR);
@@ -256,20 +181,24 @@ void ScriptedServer::serve(int socket) {
 }
 
 void ScriptedServer::converse(int socket) {
-  Stream stream(tls_.get(), socket);
-  Reply::Then then = Reply::Then::keepAlive;
+  const std::shared_ptr<SSL> ssl(SSL_new(tls_.get()), SSL_free);
+  if (SSL_set_fd(ssl.get(), socket) != 1 || SSL_accept(ssl.get()) != 1) return;
+  auto then = Reply::Then::keepAlive;
   while (then == Reply::Then::keepAlive) {
-    const ReceivedRequest request = readRequest(stream);
+    const auto request = receiveRequest(ssl.get());
+    if (!request) return;
     {
       const std::lock_guard lock(mutex_);
-      requests_.push_back(request);
+      requests_.push_back(*request);
     }
     received_.notify_all();
-    const Reply reply = handler_(request);
-    stream.write(reply.bytes);
+    const Reply reply = handler_(*request);
+    std::size_t written = 0;
+    SSL_write_ex(ssl.get(), reply.bytes.data(), reply.bytes.size(), &written);
+    if (written != reply.bytes.size()) return;
     then = reply.then;
   }
-  if (then == Reply::Then::close) stream.sayGoodbye();
+  if (then == Reply::Then::close) SSL_shutdown(ssl.get());
   if (then == Reply::Then::hold) waitUntilPeerGoes(socket);
   if (then == Reply::Then::reset) {
     const linger abrupt{1, 0};
@@ -278,8 +207,8 @@ void ScriptedServer::converse(int socket) {
 }
 
 std::uint16_t unusedPort() {
-  static const Port bound = openPort(false);  // being taken, it goes to nobody who would listen
-  return bound.number;
+  static const int bound = boundSocket();  // being taken, it goes to nobody who would listen
+  return portOf(bound);
 }
 
 }  // namespace quorva::test

@@ -3,9 +3,10 @@
 //
 // Threads: any thread may ask it; one thread accepts and each connection has its own, on which the
 // handler is called, so handlers of several connections run at the same time.
-// Errors: setting up and waiting in vain throw std::runtime_error. A peer that leaves, or speaks
-// something other than HTTP/1.1, only ends its connection; an exception out of a handler ends the
-// process.
+// Errors: setting up and waiting in vain throw std::runtime_error. A peer that leaves only ends its
+// connection; an exception out of a handler ends the process.
+// Requests: each is answered before the next is read, and its body is as long as its Content-Length
+// says.
 // Lifetime: the destructor closes every connection and joins the threads. It waits for handlers
 // that are still running: whoever holds one back has to let it go first.
 
@@ -15,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -22,7 +24,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "localservice/Certificates.h"
@@ -31,15 +32,15 @@ struct ssl_ctx_st;
 
 namespace quorva::test {
 
-using Headers = std::vector<std::pair<std::string, std::string>>;
+using Headers = std::map<std::string, std::string, std::less<>>;
 
 struct ReceivedRequest {
   std::string method;
   std::string target;
-  Headers headers;   ///< As sent, in their order.
-  std::string body;  ///< Without its chunks, if it came in chunks.
+  Headers headers;
+  std::string body;
 
-  /// The first header of that name, whatever its case.
+  /// The header of that name, spelled as the peer does.
   [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
 };
 
@@ -98,8 +99,8 @@ class ScriptedServer {
   const std::shared_ptr<ssl_ctx_st> tls_;
   const Handler handler_;
   const Greeting greeting_;
-  int listener_ = -1;
-  std::uint16_t port_ = 0;
+  const int listener_;
+  const std::uint16_t port_;
 
   mutable std::mutex mutex_;  // guards everything below but acceptor_
   std::condition_variable received_;

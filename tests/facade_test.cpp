@@ -90,11 +90,16 @@ TEST_F(Facade, FirstInitializationGetsTheIdentifierAndLaterOnesFindIt) {
   EXPECT_TRUE(StorageKeys::firstLaunch.get());
 }
 
-TEST_F(Facade, AnEmptyIdentifierIsOneToo) {
+TEST_F(Facade, AnEmptyIdentifierIsOneTooAndNothingIsPrintedWithoutDebugging) {
   store(std::nullopt, "");
+  Console console;
+  Quorva::initialize(QVConfiguration("", false, delegate));
   Quorva::initialize(QVConfiguration("qk", false, delegate));
   EXPECT_EQ(delegate->heard, Lines{"did:qk"});
+  answer("create_link", Reply::json(500, ""));
+  EXPECT_TRUE(create(link).error);
   EXPECT_TRUE(sent("retrieveDeviceId").empty());
+  EXPECT_EQ(console.text(), "");
 }
 
 TEST_F(Facade, ABlankKeyIsLoggedAndChangesOnlyTheDelegate) {
@@ -191,50 +196,38 @@ TEST_F(Facade, InitializingElsewhereIsToldAndDoneOnTheApplicationsThread) {
   EXPECT_TRUE(drainUntil([&] { return delegate->heard == Lines{"did:qk"}; }));
 }
 
-TEST_F(Facade, BothFormsReportFailuresInTheirOwnWords) {
+TEST_F(Facade, BothFormsReportInTheirOwnWords) {
   store("qk", "device");
   Console console;
   Quorva::initialize(QVConfiguration("qk", true, nullptr));
   Lines lines = console.waitForLines(2);
-  const auto expectLine = [&](const std::string& line) {
-    lines.push_back(line);
+  const std::string completionForm = "createDynamicLink(for:completion:): Failed to create Link - ";
+  const std::string coroutineForm = "createDynamicLink(for:): Failed to create dynamic link: ";
+  const std::string created =
+      "[✅ SUCCESS] [QuorvaSDK] createDynamicLink(for:): Successfully created dynamic link";
+  const auto expectFailure = [&](const QVDynamicLinkBuilder& description, const Error& error) {
+    EXPECT_EQ(kind(*create(description).error), kind(error));
+    EXPECT_EQ(kind(outcome(Quorva::createDynamicLink(description)).error()), kind(error));
+    for (const auto& form : {completionForm, coroutineForm}) {
+      lines.push_back("[❌ ERROR] [QuorvaSDK] " + form + error.localizedDescription());
+    }
     EXPECT_EQ(console.waitForLines(lines.size()), lines);
   };
-  const std::string completionForm =
-      "[❌ ERROR] [QuorvaSDK] createDynamicLink(for:completion:): Failed to create Link - ";
-  const std::string coroutineForm =
-      "[❌ ERROR] [QuorvaSDK] createDynamicLink(for:): Failed to create dynamic link: ";
-  const std::string succeeded =
-      "[✅ SUCCESS] [QuorvaSDK] createDynamicLink(for:): Successfully created dynamic link";
 
+  EXPECT_EQ(create(link).link, "https://go/x") << "and says nothing";
   EXPECT_EQ(outcome(Quorva::createDynamicLink(link)).value(), "https://go/x");
-  expectLine(succeeded);
-  EXPECT_EQ(create(link).link, "https://go/x");  // silent
-
-  const QVDynamicLinkBuilder nowhere("https://d", " ");
-  EXPECT_EQ(kind(*create(nowhere).error), kind(QuorvaError::missingKeys));
-  expectLine(completionForm + "Required Keys are missing - domain");
-  EXPECT_EQ(kind(outcome(Quorva::createDynamicLink(nowhere)).error()),
-            kind(QuorvaError::missingKeys));
-  expectLine(coroutineForm + "Required Keys are missing - domain");
-
+  lines.push_back(created);
+  expectFailure(QVDynamicLinkBuilder("https://d", " "), QuorvaError::missing({"domain"}));
   answer("create_link", Reply::json(400, R"({"detail":"it already exists"})"));
-  EXPECT_EQ(kind(*create(link).error), kind(QuorvaError::duplicatePath));
-  expectLine(completionForm + "Selected Path already exist!");
-  EXPECT_EQ(kind(outcome(Quorva::createDynamicLink(link)).error()),
-            kind(QuorvaError::duplicatePath));
-  expectLine(coroutineForm + "Selected Path already exist!");
-
+  expectFailure(link, QuorvaError(QuorvaError::duplicatePath));
   answer("create_link", Reply::json(500, ""));
-  EXPECT_EQ(kind(*create(link).error), kind(URLError::Code::badServerResponse));
-  expectLine(completionForm + "There was a bad response from the server.");
+  expectFailure(link, URLError(URLError::Code::badServerResponse));
 
   answer("create_link", Reply::json(200, "{}"));
-  const auto withoutLink = create(link);  // silent
-  EXPECT_FALSE(withoutLink.link);
-  EXPECT_EQ(kind(*withoutLink.error), kind(QuorvaError::invalidResponse));
+  EXPECT_EQ(kind(*create(link).error), kind(QuorvaError::invalidResponse)) << "and says nothing";
   EXPECT_EQ(outcome(Quorva::createDynamicLink(link)).value(), std::nullopt);
-  expectLine(succeeded);
+  lines.push_back(created);
+  EXPECT_EQ(console.waitForLines(lines.size()), lines);
 }
 
 TEST_F(Facade, AThousandCreationsAtOnceEachCompleteOnce) {
@@ -243,32 +236,19 @@ TEST_F(Facade, AThousandCreationsAtOnceEachCompleteOnce) {
   std::vector<int> completions(count);
   std::size_t done = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    Quorva::createDynamicLink(
-        link.setSelectedPath(std::to_string(i)), [&, i](auto shortLink, auto error) {
-          EXPECT_TRUE(shortLink && !error) << (error ? error->localizedDescription() : "neither");
-          ++completions[i];
-          ++done;
-        });
+    const auto numbered = link.setSelectedPath(std::to_string(i));
+    Quorva::createDynamicLink(numbered, [&, i](auto shortLink, auto error) {
+      EXPECT_TRUE(shortLink && !error) << (error ? error->localizedDescription() : "neither");
+      ++completions[i];
+      ++done;
+    });
   }
   Quorva::createDynamicLink(link, nullptr);
-  EXPECT_TRUE(drainUntil([&] { return done == count; }));
+  EXPECT_TRUE(drainUntil([&] { return done == count && sent("create_link").size() == count + 1; }));
   EXPECT_EQ(completions, std::vector<int>(count, 1));
-  std::set<std::string> paths;
-  for (const auto& request : sent("create_link")) {
-    const auto body = nlohmann::json::parse(request.body);
-    if (body.contains("selected_path")) paths.insert(body.at("selected_path"));
-  }
-  EXPECT_EQ(paths.size(), count);
-}
-
-TEST_F(Facade, NothingIsPrintedWithoutDebugging) {
-  Console console;
-  Quorva::initialize(QVConfiguration("", false, delegate));
-  Quorva::initialize(QVConfiguration("qk", false, delegate));
-  EXPECT_TRUE(drainUntil([&] { return !delegate->heard.empty(); }));
-  answer("create_link", Reply::json(500, ""));
-  EXPECT_TRUE(create(link).error);
-  EXPECT_EQ(console.text(), "");
+  std::set<std::string> bodies;
+  for (const auto& request : sent("create_link")) bodies.insert(request.body);
+  EXPECT_EQ(bodies.size(), count + 1);
 }
 
 TEST(Version, IsExported) {
@@ -279,16 +259,16 @@ TEST(Version, IsExported) {
 
 TEST(Endpoints, AreAbsoluteHTTPSURLs) {
   const std::string base(QVUrls::baseUrl);
-  const std::pair<std::string_view, std::string> rows[] = {
-      {QVUrls::retrieveDeviceIdUrl, "api/v1/retrieveDeviceId"},
-      {QVUrls::devicePingUrl, "api/v1/device_ping"},
-      {QVUrls::deferredDeeplinksUrl, "api/v1/getAnyDeferredDeeplinks"},
-      {QVUrls::resolveUrl, "api/v1/resolve"},
-      {QVUrls::createLinkUrl, "api/v1/create_link"},
-  };
   EXPECT_TRUE(base.starts_with("https://") && base.ends_with("/app/"));
-  for (const auto& [url, path] : rows)
-    EXPECT_EQ(URL::parse(url).value().absoluteString(), base + path);
+  const std::pair<std::string_view, std::string> rows[] = {
+      {QVUrls::retrieveDeviceIdUrl, "retrieveDeviceId"},
+      {QVUrls::devicePingUrl, "device_ping"},
+      {QVUrls::deferredDeeplinksUrl, "getAnyDeferredDeeplinks"},
+      {QVUrls::resolveUrl, "resolve"},
+      {QVUrls::createLinkUrl, "create_link"}};
+  for (const auto& [url, path] : rows) {
+    EXPECT_EQ(URL::parse(url).value().absoluteString(), base + "api/v1/" + path);
+  }
 }
 
 }  // namespace

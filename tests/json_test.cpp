@@ -76,7 +76,7 @@ TEST(JSON, DecodesToTheValueOrTheRightError) {
       {"Bool", outcome<bool>},
   };
   const auto rows = test::vectors("decoding.json");
-  EXPECT_EQ(rows.size(), 101U);
+  EXPECT_EQ(rows.size(), 122U);
   for (const auto& row : rows) {
     const std::string json =
         row.contains("json") ? row.at("json").get<std::string>() : test::bytes(row.at("json_hex"));
@@ -92,45 +92,19 @@ TEST(JSON, DecodesToTheValueOrTheRightError) {
   }
 }
 
-TEST(JSON, BoundsItsDepthAndReadsTheWholeText) {
+TEST(JSON, BoundsItsDepth) {
   const auto nested = [](std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
   };
   EXPECT_TRUE(parseJSON(nested(512)));
   EXPECT_FALSE(parseJSON(nested(513)));
   EXPECT_FALSE(parseJSON(std::string(1'000'000, '[')));
-  for (const auto text :
-       {""sv,           " "sv,       "1 2"sv,       "{} {}"sv, "[1,]"sv,  "{\"a\":1,}"sv,
-        "[1}"sv,        "01"sv,      "1e"sv,        "[1]]"sv,  "nulll"sv, "[nul]"sv,
-        "tru"sv,        "\"\\x\""sv, "[1 2]"sv,     "-01"sv,   "[.5]"sv,  "{\"a\":1 \"b\":2}"sv,
-        "[\"\xFF\"]"sv, "\"a\" x"sv, "true false"sv}) {
-    EXPECT_FALSE(parseJSON(text)) << text;
-  }
 }
 
 TEST(JSON, WritesDoublesShortest) {
-  const std::pair<double, std::string_view> rows[] = {
-      {0.0, "0"},
-      {-0.0, "-0"},
-      {390, "390"},
-      {390.5, "390.5"},
-      {390.1, "390.1"},
-      {100000, "100000"},
-      {0.30000000000000004, "0.30000000000000004"},
-      {9007199254740992, "9007199254740992"},
-      {1e16, "1e+16"},
-      {1e20, "1e+20"},
-      {1e21, "1e+21"},
-      {1.2345678901234568e17, "1.2345678901234568e+17"},
-      {0.0001, "0.0001"},
-      {1e-5, "1e-05"},
-      {1e-7, "1e-07"},
-      {5e-324, "5e-324"},
-      {1.7976931348623157e308, "1.7976931348623157e+308"},
-      {1.0 / 3, "0.3333333333333333"},
-      {-1.5, "-1.5"},
-      {2.5e-8, "2.5e-08"}};
-  for (const auto& [value, text] : rows) EXPECT_EQ(*serializeJSON(value), text);
+  for (const auto& row : test::vectors("doubles.json")) {
+    EXPECT_EQ(*serializeJSON(row.at(0).get<double>()), row.at(1)) << row;
+  }
 }
 
 TEST(JSON, WritesTextsAndContainersCompactly) {

@@ -95,6 +95,9 @@ std::string headers(std::string_view more) {
   return "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\n" + std::string(more) + "\r\n";
 }
 
+constexpr const char* chunked = "Transfer-Encoding: chunked\r\n";
+constexpr const char* gzip = "Content-Encoding: gzip\r\n";
+
 TEST_F(Transport, SendsOneRequestAndGivesTheWholeReply) {
   const std::string large(3 << 20, 'x');
   const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
@@ -116,43 +119,31 @@ TEST_F(Transport, SendsOneRequestAndGivesTheWholeReply) {
 }
 
 TEST_F(Transport, TellsWhatTheWireDid) {
-  using Then = Reply::Then;
-  const auto raw = [](std::string bytes, Then then = Then::close) {
-    return Reply{std::move(bytes), then};
-  };
+  using enum Reply::Then;
   struct Row {
     const char* what;
-    Reply reply;
-    Greeting greeting;
     std::optional<Code> expected;
+    Reply reply;
+    Greeting greeting = Greeting::tls;
   };
+  const auto length = [](int bytes) { return "Content-Length: " + std::to_string(bytes) + "\r\n"; };
   const Row rows[] = {
-      {"closed without a word", raw(""), Greeting::tls, Code::networkConnectionLost},
-      {"reset without a word", raw("", Then::reset), Greeting::tls, Code::networkConnectionLost},
-      {"half a status line", raw("HTTP/1.1 20"), Greeting::tls, Code::networkConnectionLost},
-      {"half a body", raw(headers("Content-Length: 100\r\n") + "half"), Greeting::tls,
-       Code::networkConnectionLost},
-      {"half a body, then reset", raw(headers("Content-Length: 100\r\n") + "half", Then::reset),
-       Greeting::tls, Code::networkConnectionLost},
-      {"half a chunk", raw(headers("Transfer-Encoding: chunked\r\n") + "a\r\nhalf"), Greeting::tls,
-       Code::networkConnectionLost},
-      {"no HTTP", raw("{\"uuid\":\"u\"}\n"), Greeting::tls, Code::cannotParseResponse},
-      {"bytes at random", raw("\x01\x02\xFF\xFE\r\n\r\n"), Greeting::tls,
-       Code::cannotParseResponse},
-      {"no gzip under its name",
-       raw(headers("Content-Encoding: gzip\r\nContent-Length: 4\r\n") + "abcd"), Greeting::tls,
-       Code::cannotParseResponse},
-      {"silence", raw("", Then::hold), Greeting::tls, Code::timedOut},
-      {"silence in the headers", raw("HTTP/1.1 200 OK\r\nA: b", Then::hold), Greeting::tls,
-       Code::timedOut},
-      {"silence in the body", raw(headers("Content-Length: 9\r\n") + "half", Then::hold),
-       Greeting::tls, Code::timedOut},
-      {"silence before TLS", raw(""), Greeting::silence, Code::timedOut},
-      {"no TLS", raw(""), Greeting::garbage, Code::secureConnectionFailed},
-      {"closed before TLS", raw(""), Greeting::close, Code::secureConnectionFailed},
-      {"a body that ends with the connection", raw(headers("") + "whole"), Greeting::tls,
-       std::nullopt},
-  };
+      {"closed without a word", Code::networkConnectionLost, {"", close}},
+      {"reset without a word", Code::networkConnectionLost, {"", reset}},
+      {"half a status line", Code::networkConnectionLost, {"HTTP/1.1 20", close}},
+      {"half a body", Code::networkConnectionLost, {headers(length(9)) + "half", close}},
+      {"half a body, reset", Code::networkConnectionLost, {headers(length(9)) + "half", reset}},
+      {"half a chunk", Code::networkConnectionLost, {headers(chunked) + "a\r\nhalf", close}},
+      {"no HTTP", Code::cannotParseResponse, {"{\"uuid\":\"u\"}\n", close}},
+      {"bytes at random", Code::cannotParseResponse, {"\x01\x02\xFF\xFE\r\n\r\n", close}},
+      {"no gzip", Code::cannotParseResponse, {headers(length(4) + gzip) + "abcd", close}},
+      {"silence", Code::timedOut, {"", hold}},
+      {"silence in the headers", Code::timedOut, {"HTTP/1.1 200 OK\r\nA: b", hold}},
+      {"silence in the body", Code::timedOut, {headers(length(9)) + "half", hold}},
+      {"silence before TLS", Code::timedOut, {}, Greeting::silence},
+      {"no TLS", Code::secureConnectionFailed, {}, Greeting::garbage},
+      {"closed before TLS", Code::secureConnectionFailed, {}, Greeting::close},
+      {"a body that ends with the connection", std::nullopt, {headers("") + "whole", close}}};
   for (const auto& row : rows)
     EXPECT_EQ(errorFor(row.reply, row.greeting), row.expected) << row.what;
 }
@@ -168,33 +159,23 @@ TEST_F(Transport, TellsRefusedConnections) {
 TEST_F(Transport, TrustsOnlyTheRightCertificates) {
   const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
   const auto stranger = CertificateAuthority::create();
-  struct Row {
-    const char* what;
-    localservice::Identity identity;
-    std::optional<Code> expected;
-  };
-  const Row rows[] = {
+  const Validity past{now - 48h, now - 24h};
+  const Validity future{now + 24h, now + 48h};
+  const std::tuple<const char*, localservice::Identity, std::optional<Code>> rows[] = {
       {"good", authority().issue({host}), std::nullopt},
-      {"another name", authority().issue({"other.example"}), Code::serverCertificateUntrusted},
-      {"only the address", authority().issue({"127.0.0.1"}), Code::serverCertificateUntrusted},
-      {"unknown authority", stranger.issue({host}), Code::serverCertificateHasUnknownRoot},
-      {"expired", authority().issue({host}, Validity{now - 48h, now - 24h}),
-       Code::serverCertificateHasBadDate},
-      {"not yet valid", authority().issue({host}, Validity{now + 24h, now + 48h}),
-       Code::serverCertificateNotYetValid},
-  };
-  for (const auto& row : rows) {
-    const ScriptedServer server(row.identity, [](const auto&) { return Reply::json(200, "{}"); });
+      {"name", authority().issue({"other.example", "127.0.0.1"}), Code::serverCertificateUntrusted},
+      {"authority", stranger.issue({host}), Code::serverCertificateHasUnknownRoot},
+      {"expired", authority().issue({host}, past), Code::serverCertificateHasBadDate},
+      {"early", authority().issue({host}, future), Code::serverCertificateNotYetValid}};
+  for (const auto& [what, identity, expected] : rows) {
+    const ScriptedServer server(identity, [](const auto&) { return Reply::json(200, "{}"); });
     route(server);
-    EXPECT_EQ(code(post()), row.expected) << row.what;
-    EXPECT_EQ(server.requests().size(), row.expected ? 0U : 1U) << row.what;
+    EXPECT_EQ(code(post()), expected) << what;
+    EXPECT_EQ(server.requests().size(), expected ? 0U : 1U) << what;
   }
-}
-
-TEST_F(Transport, TrustsNoDevelopmentAuthorityElsewhere) {
-  const ScriptedServer server(authority().issue({host, "127.0.0.1"}),
+  // What is trusted for one host, for development, is trusted for that host alone.
+  const ScriptedServer server(authority().issue({"127.0.0.1"}),
                               [](const auto&) { return Reply::json(200, ""); });
-  route(server);
   EXPECT_EQ(code(post("https://127.0.0.1:" + std::to_string(server.port()) + "/")),
             Code::serverCertificateHasUnknownRoot);
 }
