@@ -51,8 +51,7 @@ void QVLogger::log(LogLevel level, std::string_view message, std::string_view fi
 }
 
 void QVLogger::log(LogLevel level, std::string_view message, const CallSite& site) {
-  const std::string_view file = site.location.file_name();
-  log(level, message, file.substr(0, file.rfind('.')), site.function, site.location.line());
+  log(level, message, site.file.substr(0, site.file.rfind('.')), site.function, site.line);
 }
 
 }  // namespace quorva

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <source_location>
 #include <string_view>
 
 namespace quorva {
@@ -18,11 +17,13 @@ enum class LogLevel { debug, info, success, warning, error };
 /// source.
 struct CallSite {
   // Implicit, so that the place is that of the call.
-  CallSite(const char* signature, std::source_location place = std::source_location::current())
-      : function(signature), location(place) {}
+  CallSite(const char* signature, const char* path = __builtin_FILE(),
+           int number = __builtin_LINE())
+      : function(signature), file(path), line(number) {}
 
   std::string_view function;
-  std::source_location location;
+  std::string_view file;
+  int line;
 };
 
 class QVLogger {
