@@ -12,6 +12,8 @@
 namespace quorva {
 namespace {
 
+using namespace std::string_view_literals;
+
 struct Level {
   std::string_view label;
   platform::LogType type;
@@ -40,9 +42,15 @@ void QVLogger::log(LogLevel level, std::string_view message, std::string_view fi
   if (!isConsoleEnabled && !isSystemLogEnabled) return;
   const auto& [label, type] = levels[static_cast<std::size_t>(level)];
   const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
-  std::string text = "[" + platform::iso8601(now) + "] [";
-  text.append(label).append("] [").append(file.substr(file.rfind('/') + 1)).append(":");
-  text.append(std::to_string(line)).append("] ").append(function).append(": ").append(message);
+  const std::string time = platform::iso8601(now);
+  const std::string number = std::to_string(line);
+  const std::string_view name = file.substr(file.rfind('/') + 1);
+  std::string text;
+  for (const std::string_view part :
+       {"["sv, std::string_view(time), "] ["sv, label, "] ["sv, name, ":"sv,
+        std::string_view(number), "] "sv, function, ": "sv, message}) {
+    text += part;
+  }
   if (isSystemLogEnabled && unifiedLog().isEnabled(type)) unifiedLog().log(type, text);
   if (isConsoleEnabled) {
     text += '\n';  // one write, so that lines of two threads don't mix

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "PlatformTypes.h"
@@ -17,6 +18,8 @@ namespace quorva {
 ///     const auto* found = error.as<QuorvaError>();
 ///     if (found && found->which == QuorvaError::duplicatePath) askForAnotherPath();
 struct QUORVA_EXPORT QuorvaError {
+  static constexpr std::string_view errorDomain = "QuorvaError";
+
   enum class Case {
     missingKeys,      ///< required fields are empty, or nothing is stored yet: see `keys`
     networkError,     ///< for hosts' own use: see `underlying`

@@ -109,7 +109,7 @@ std::string alternativeNames(const std::vector<std::string>& names) {
     in6_addr address{};
     const bool isAddress = inet_pton(AF_INET, name.c_str(), &address) == 1 ||
                            inet_pton(AF_INET6, name.c_str(), &address) == 1;
-    list += (list.empty() ? "" : ",") + std::string(isAddress ? "IP:" : "DNS:") + name;
+    list.append(list.empty() ? "" : ",").append(isAddress ? "IP:" : "DNS:").append(name);
   }
   return list;
 }

@@ -18,10 +18,11 @@
 
 namespace quorva::platform {
 
-/// A type that can travel in an Error: it says in words what happened.
+/// A type that can travel in an Error: it says in words what happened, and has a name of its own.
 template <class E>
 concept LocalizedError = requires(const E& error) {
   { error.errorDescription() } -> std::convertible_to<std::string>;
+  { E::errorDomain } -> std::convertible_to<std::string_view>;
 };
 
 /// Any error, unchanged: what completion handlers and delegates receive and what `co_await` throws.
@@ -41,9 +42,9 @@ class QUORVA_EXPORT Error final : public std::exception {
   [[nodiscard]] std::string localizedDescription() const { return held_->description(); }
 
   /// The error as an `E`, or null where it is something else. Lives as long as this Error.
-  template <class E>
+  template <LocalizedError E>
   [[nodiscard]] const E* as() const noexcept {
-    return held_->type == typeName<E>() ? &static_cast<const Held<E>&>(*held_).error : nullptr;
+    return held_->domain == E::errorDomain ? &static_cast<const Held<E>&>(*held_).error : nullptr;
   }
 
   /// The description as it was when the error was made.
@@ -53,27 +54,22 @@ class QUORVA_EXPORT Error final : public std::exception {
   [[nodiscard]] static Error from(const std::exception_ptr& exception);
 
  private:
-  // Names, unlike addresses or type_info, agree between a library and a host that hides its symbols
-  // or is built without type information.
-  template <class E>
-  static constexpr std::string_view typeName() {
-    return __PRETTY_FUNCTION__;
-  }
-
+  // Told apart by names, which, unlike addresses or type_info, agree between a library and a host
+  // whatever compiler and options each was built with.
   struct Box {
-    Box(std::string_view typeName, std::string text) : type(typeName), what(std::move(text)) {}
+    Box(std::string_view name, std::string text) : domain(name), what(std::move(text)) {}
     Box(const Box&) = delete;
     Box& operator=(const Box&) = delete;
     virtual ~Box() = default;
     [[nodiscard]] virtual std::string description() const = 0;
 
-    const std::string_view type;
+    const std::string_view domain;
     const std::string what;
   };
 
   template <class E>
   struct Held final : Box {
-    explicit Held(E e) : Box(typeName<E>(), e.errorDescription()), error(std::move(e)) {}
+    explicit Held(E e) : Box(E::errorDomain, e.errorDescription()), error(std::move(e)) {}
     [[nodiscard]] std::string description() const override { return error.errorDescription(); }
 
     const E error;
@@ -84,6 +80,8 @@ class QUORVA_EXPORT Error final : public std::exception {
 
 /// An exception that isn't ours, as it came out of a host's own coroutine.
 struct ForeignError {
+  static constexpr std::string_view errorDomain = "ForeignError";
+
   std::string description;
 
   [[nodiscard]] const std::string& errorDescription() const { return description; }

@@ -20,6 +20,8 @@ namespace quorva::platform {
 
 /// Why JSON text, or a value in it, could not become what was asked for.
 struct QUORVA_EXPORT DecodingError {
+  static constexpr std::string_view errorDomain = "DecodingError";
+
   enum class Kind {
     dataCorrupted,  ///< no JSON, or a value outside its type's range
     typeMismatch,   ///< a value of another JSON type
@@ -39,6 +41,8 @@ struct QUORVA_EXPORT DecodingError {
 
 /// A value that JSON can't hold: a text that is no UTF-8, or a number that isn't finite.
 struct QUORVA_EXPORT EncodingError {
+  static constexpr std::string_view errorDomain = "EncodingError";
+
   [[nodiscard]] std::string errorDescription() const;
 };
 

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "Export.h"
 
@@ -13,6 +15,8 @@ namespace quorva::platform {
 /// The codes are those that phones' systems use, so that dashboards can tell failures apart across
 /// platforms.
 struct QUORVA_EXPORT URLError {
+  static constexpr std::string_view errorDomain = "URLError";
+
   enum class Code {
     badURL = -1000,
     timedOut = -1001,

@@ -1,7 +1,6 @@
 #include "ScriptedServer.h"
 
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
@@ -15,30 +14,25 @@
 namespace quorva::test {
 namespace {
 
-std::shared_ptr<BIO> reading(const std::string& text) {
-  return {BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free};
+template <auto read, auto release>
+auto fromPEM(const std::string& text) {
+  const std::shared_ptr<BIO> bytes(BIO_new_mem_buf(text.data(), -1), BIO_free);
+  auto* const object = read(bytes.get(), nullptr, nullptr, nullptr);
+  return std::shared_ptr<std::decay_t<decltype(*object)>>(object, release);
 }
 
 std::shared_ptr<SSL_CTX> tlsOf(const localservice::Identity& identity) {
   const std::shared_ptr<SSL_CTX> tls(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-  const std::shared_ptr<X509> certificate(
-      PEM_read_bio_X509(reading(identity.certificatePEM).get(), nullptr, nullptr, nullptr),
-      X509_free);
-  const std::shared_ptr<EVP_PKEY> key(
-      PEM_read_bio_PrivateKey(reading(identity.privateKeyPEM).get(), nullptr, nullptr, nullptr),
-      EVP_PKEY_free);
-  if (SSL_CTX_use_certificate(tls.get(), certificate.get()) != 1 ||
-      SSL_CTX_use_PrivateKey(tls.get(), key.get()) != 1) {
-    throw std::runtime_error("the scripted server can't use its certificate and key");
-  }
+  const auto certificate = fromPEM<PEM_read_bio_X509, X509_free>(identity.certificatePEM);
+  const auto key = fromPEM<PEM_read_bio_PrivateKey, EVP_PKEY_free>(identity.privateKeyPEM);
+  SSL_CTX_use_certificate(tls.get(), certificate.get());
+  SSL_CTX_use_PrivateKey(tls.get(), key.get());
   return tls;
 }
 
 int boundSocket() {
   const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   if (bind(bound, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     throw std::runtime_error("no loopback port");
   }
@@ -55,8 +49,13 @@ std::uint16_t portOf(int bound) {
 /// Also returns when the server itself has shut the socket down.
 void waitUntilPeerGoes(int socket) {
   char ignored[1024];
-  while (recv(socket, ignored, sizeof ignored, 0) > 0) {
-  }
+  while (recv(socket, ignored, sizeof ignored, 0) > 0) continue;
+}
+
+/// Linux resets a connection when its socket is told to connect to nobody.
+void reset(int socket) {
+  constexpr sockaddr nobody{AF_UNSPEC, {}};
+  connect(socket, &nobody, sizeof nobody);
 }
 
 /// Appends what comes next; false when the peer has gone.
@@ -69,23 +68,21 @@ bool receive(SSL* ssl, std::string& bytes) {
 }
 
 std::optional<ReceivedRequest> receiveRequest(SSL* ssl) {
-  constexpr std::string_view blankLine = "\r\n\r\n";
   std::string bytes;
-  while (bytes.find(blankLine) == bytes.npos) {
+  std::size_t end = 0;
+  while ((end = bytes.find("\r\n\r\n")) == bytes.npos) {
     if (!receive(ssl, bytes)) return std::nullopt;
   }
   ReceivedRequest request;
-  request.body = bytes.substr(bytes.find(blankLine) + blankLine.size());
-  std::istringstream head(bytes);
-  std::string line;
-  head >> request.method >> request.target;
-  std::getline(head, line);
-  while (std::getline(head, line) && line != "\r") {
-    const std::size_t colon = line.find(": ");
-    request.headers.emplace(line.substr(0, colon), line.substr(colon + 2, line.size() - colon - 3));
+  std::istringstream head(bytes.substr(0, end + 1));
+  std::string name, value;
+  head >> request.method >> request.target >> value;
+  while (getline(head >> std::ws, name, ':') && getline(head >> std::ws, value, '\r')) {
+    request.headers.emplace(name, value);
   }
-  const std::size_t length = std::stoul(request.header("Content-Length").value_or("0"));
-  while (request.body.size() < length) {
+  request.body = bytes.substr(end + 4);
+  const std::size_t size = std::stoul(request.header("Content-Length").value_or("0"));
+  while (request.body.size() < size) {
     if (!receive(ssl, request.body)) return std::nullopt;
   }
   return request;
@@ -116,77 +113,48 @@ ScriptedServer::ScriptedServer(const localservice::Identity& identity, Handler h
       greeting_(greeting),
       listener_(boundSocket()),
       port_(portOf(listener_)) {
-  if (listen(listener_, SOMAXCONN) != 0) throw std::runtime_error("can't listen");
-  // Inherited by the connections: a reply isn't to wait until the session tickets are acknowledged.
-  const int noDelay = 1;
-  setsockopt(listener_, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
-  acceptor_ = std::jthread([this] { acceptAll(); });
+  listen(listener_, SOMAXCONN);
+  acceptor_ = std::jthread([this] {
+    // The connections' threads inherit this: writing to a peer that has gone mustn't end the test.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+    for (int socket = 0; (socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      const std::lock_guard lock(mutex_);
+      sockets_.push_back(socket);
+      connections_.emplace_back([this, socket] { serve(socket); });
+    }
+  });
 }
 
 ScriptedServer::~ScriptedServer() {
   shutdown(listener_, SHUT_RDWR);  // wakes accept
   acceptor_.join();
-  {
-    const std::lock_guard lock(mutex_);
-    for (const int socket : open_) shutdown(socket, SHUT_RDWR);
-  }
+  for (const int socket : sockets_) shutdown(socket, SHUT_RDWR);
   connections_.clear();
+  for (const int socket : sockets_) close(socket);
   close(listener_);
-}
-
-std::vector<ReceivedRequest> ScriptedServer::requests() const {
-  const std::lock_guard lock(mutex_);
-  return requests_;
 }
 
 ReceivedRequest ScriptedServer::waitForRequest(std::size_t index) {
   std::unique_lock lock(mutex_);
-  const auto hasCome = [&] { return requests_.size() > index; };
-  if (!received_.wait_for(lock, std::chrono::seconds(20), hasCome)) {
-    throw std::runtime_error("waited in vain for request " + std::to_string(index));
-  }
-  return requests_[index];
-}
-
-std::size_t ScriptedServer::connections() const {
-  const std::lock_guard lock(mutex_);
-  return connections_.size();
-}
-
-void ScriptedServer::acceptAll() {
-  // The connections' threads inherit this: writing to a peer that has gone mustn't end the test.
-  sigset_t brokenPipe;
-  sigemptyset(&brokenPipe);
-  sigaddset(&brokenPipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
-
-  for (int socket = 0; (socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-    const std::lock_guard lock(mutex_);
-    open_.insert(socket);
-    connections_.emplace_back([this, socket] { serve(socket); });
-  }
+  received_.wait_for(lock, std::chrono::seconds(20), [&] { return requests_.size() > index; });
+  return requests_.at(index);
 }
 
 void ScriptedServer::serve(int socket) {
-  constexpr std::string_view noTLS = "This is no TLS.\r\n";
   if (greeting_ == Greeting::tls) converse(socket);
-  if (greeting_ == Greeting::garbage) send(socket, noTLS.data(), noTLS.size(), 0);
+  if (greeting_ == Greeting::garbage) send(socket, "no TLS\r\n", 8, 0);
   // Only the sending half: closed altogether, it would answer the peer's first bytes by a reset.
   if (greeting_ == Greeting::close) shutdown(socket, SHUT_WR);
   if (greeting_ != Greeting::tls) waitUntilPeerGoes(socket);
-
-  const std::lock_guard lock(mutex_);
-  open_.erase(socket);
-  close(socket);  // not without the lock: the destructor shuts down what is open
+  shutdown(socket, SHUT_RDWR);
 }
 
 void ScriptedServer::converse(int socket) {
   const std::shared_ptr<SSL> ssl(SSL_new(tls_.get()), SSL_free);
   if (SSL_set_fd(ssl.get(), socket) != 1 || SSL_accept(ssl.get()) != 1) return;
-  auto then = Reply::Then::keepAlive;
-  while (then == Reply::Then::keepAlive) {
-    const auto request = receiveRequest(ssl.get());
-    if (!request) return;
+  while (const auto request = receiveRequest(ssl.get())) {
     {
       const std::lock_guard lock(mutex_);
       requests_.push_back(*request);
@@ -195,14 +163,10 @@ void ScriptedServer::converse(int socket) {
     const Reply reply = handler_(*request);
     std::size_t written = 0;
     SSL_write_ex(ssl.get(), reply.bytes.data(), reply.bytes.size(), &written);
-    if (written != reply.bytes.size()) return;
-    then = reply.then;
-  }
-  if (then == Reply::Then::close) SSL_shutdown(ssl.get());
-  if (then == Reply::Then::hold) waitUntilPeerGoes(socket);
-  if (then == Reply::Then::reset) {
-    const linger abrupt{1, 0};
-    setsockopt(socket, SOL_SOCKET, SO_LINGER, &abrupt, sizeof abrupt);
+    if (reply.then == Reply::Then::close) SSL_shutdown(ssl.get());
+    if (reply.then == Reply::Then::hold) waitUntilPeerGoes(socket);
+    if (reply.then == Reply::Then::reset) reset(socket);
+    if (reply.then != Reply::Then::keepAlive) return;
   }
 }
 

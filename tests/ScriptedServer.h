@@ -3,8 +3,8 @@
 //
 // Threads: any thread may ask it; one thread accepts and each connection has its own, on which the
 // handler is called, so handlers of several connections run at the same time.
-// Errors: setting up and waiting in vain throw std::runtime_error. A peer that leaves only ends its
-// connection; an exception out of a handler ends the process.
+// Errors: without a port the constructor throws std::runtime_error. A peer that leaves only ends
+// its connection; an exception out of a handler ends the process.
 // Requests: each is answered before the next is read, and its body is as long as its Content-Length
 // says.
 // Lifetime: the destructor closes every connection and joins the threads. It waits for handlers
@@ -13,14 +13,12 @@
 #pragma once
 
 #include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -76,23 +74,27 @@ class ScriptedServer {
   /// Listens on 127.0.0.1 when this returns.
   ScriptedServer(const localservice::Identity& identity, Handler handler,
                  Greeting greeting = Greeting::tls);
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
   ~ScriptedServer();
 
   [[nodiscard]] std::uint16_t port() const { return port_; }
 
   /// Those received in full so far, in the order of their arrival.
-  [[nodiscard]] std::vector<ReceivedRequest> requests() const;
+  [[nodiscard]] std::vector<ReceivedRequest> requests() const {
+    const std::lock_guard lock(mutex_);
+    return requests_;
+  }
 
-  /// Waits for the `index`th request, counted from 0, for 20 seconds at most.
+  /// Waits for the `index`th request, counted from 0, for 20 seconds at most; throws
+  /// std::out_of_range if it doesn't come.
   ReceivedRequest waitForRequest(std::size_t index);
 
   /// How many were accepted so far.
-  [[nodiscard]] std::size_t connections() const;
+  [[nodiscard]] std::size_t connections() const {
+    const std::lock_guard lock(mutex_);
+    return connections_.size();
+  }
 
  private:
-  void acceptAll();
   void serve(int socket);
   void converse(int socket);
 
@@ -105,7 +107,7 @@ class ScriptedServer {
   mutable std::mutex mutex_;  // guards everything below but acceptor_
   std::condition_variable received_;
   std::vector<ReceivedRequest> requests_;
-  std::set<int> open_;
+  std::vector<int> sockets_;
   std::vector<std::jthread> connections_;
   std::jthread acceptor_;
 };
