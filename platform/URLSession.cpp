@@ -6,7 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
+#include <deque>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -23,8 +24,11 @@ using Code = URLError::Code;
 
 constexpr std::size_t maximumSize = 16 << 20;  // of a reply, headers included
 constexpr long maximumRedirects = 20;
-constexpr long connectionsPerHost = 6;   // HTTP/1.1; HTTP/2 needs one
-constexpr std::size_t idleHandles = 16;  // kept for reuse: a new one is dear
+// How many requests are with curl at once; the others wait here, since those that wait in curl may
+// wait for good.
+constexpr std::size_t atOnceOverHTTP1 = 6;    // each on a connection of its own
+constexpr std::size_t atOnceOverHTTP2 = 100;  // all on one
+constexpr std::size_t idleHandles = 16;       // kept for reuse: a new one is dear
 
 struct List {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -208,7 +212,6 @@ class Network {
     multi_ = curl_multi_init();
     share_ = curl_share_init();
     if (!multi_ || !share_) return false;
-    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, connectionsPerHost);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     trust_ = TrustStore::system();
@@ -220,7 +223,7 @@ class Network {
     for (;;) {
       {
         const std::scoped_lock lock(atWork_);
-        for (Transfer* transfer : takeSubmitted()) begin(*transfer);
+        takeSubmitted();
         int underWay = 0;
         curl_multi_perform(multi_, &underWay);
         int left = 0;
@@ -229,6 +232,11 @@ class Network {
           end(*info<Transfer*>(message->easy_handle, CURLINFO_PRIVATE), message->data.result);
         }
         expire();
+        while (!waiting_.empty() && underWay_.size() < atOnce_) {
+          Transfer* const next = waiting_.front();
+          waiting_.pop_front();
+          begin(*next);
+        }
       }
       const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextDeadline_ - Clock::now());
       curl_multi_poll(multi_, nullptr, 0,
@@ -236,9 +244,13 @@ class Network {
     }
   }
 
-  std::vector<Transfer*> takeSubmitted() {
+  void takeSubmitted() {
     const std::scoped_lock lock(mutex_);
-    return std::exchange(submitted_, {});
+    for (Transfer* transfer : std::exchange(submitted_, {})) {
+      transfer->deadline = Clock::now() + transfer->request.timeout;
+      nextDeadline_ = std::min(nextDeadline_, transfer->deadline);
+      waiting_.push_back(transfer);
+    }
   }
 
   std::optional<URLSession::Route> routeTo(const std::string& host) {
@@ -260,8 +272,6 @@ class Network {
       return transfer.finish(
           URLError(Code::cannotConnectToHost, "the request could not be set up"));
     }
-    transfer.deadline = Clock::now() + transfer.request.timeout;
-    nextDeadline_ = std::min(nextDeadline_, transfer.deadline);
     underWay_.push_back(&transfer);
   }
 
@@ -274,7 +284,6 @@ class Network {
     options.set(CURLOPT_FOLLOWLOCATION, 1L);
     options.set(CURLOPT_MAXREDIRS, maximumRedirects);
     options.set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-    options.set(CURLOPT_PIPEWAIT, 1L);
     options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
     options.set(CURLOPT_SHARE, share_);
     options.set(CURLOPT_COOKIEFILE, "");  // cookies, and in memory
@@ -330,6 +339,11 @@ class Network {
     // was the reply.
     const bool answered = code == CURLE_OK || (status > 103 && status < 200);
     const Code error = answered ? Code() : errorCode(transfer.easy, code);
+    if (code == CURLE_OK) {
+      const bool isHTTP2 =
+          info<long>(transfer.easy, CURLINFO_HTTP_VERSION) == CURL_HTTP_VERSION_2_0;
+      atOnce_ = isHTTP2 ? atOnceOverHTTP2 : atOnceOverHTTP1;
+    }
     std::string cause =
         transfer.message.front() ? transfer.message.data() : curl_easy_strerror(code);
     release(transfer);
@@ -341,18 +355,20 @@ class Network {
   void expire() {
     const auto now = Clock::now();
     if (now < nextDeadline_) return;
+    const auto isSilent = [&](const Transfer* transfer) { return transfer->deadline <= now; };
     std::vector<Transfer*> silent;
-    nextDeadline_ = Clock::time_point::max();
-    for (Transfer* transfer : underWay_) {
-      if (transfer->deadline <= now)
-        silent.push_back(transfer);
-      else
-        nextDeadline_ = std::min(nextDeadline_, transfer->deadline);
-    }
+    std::ranges::copy_if(waiting_, std::back_inserter(silent), isSilent);
+    std::ranges::copy_if(underWay_, std::back_inserter(silent), isSilent);
+    std::erase_if(waiting_, isSilent);
     for (Transfer* transfer : silent) {
-      release(*transfer);
+      if (transfer->easy) release(*transfer);
       transfer->finish(URLError(Code::timedOut, "no byte arrived in time"));
     }
+    nextDeadline_ = Clock::time_point::max();
+    for (const Transfer* transfer : waiting_)
+      nextDeadline_ = std::min(nextDeadline_, transfer->deadline);
+    for (const Transfer* transfer : underWay_)
+      nextDeadline_ = std::min(nextDeadline_, transfer->deadline);
   }
 
   void release(Transfer& transfer) {
@@ -379,9 +395,10 @@ class Network {
 
   // The network thread's:
   std::vector<CURL*> idle_;
+  std::deque<Transfer*> waiting_;
   std::vector<Transfer*> underWay_;
-  Clock::time_point nextDeadline_ =
-      Clock::time_point::max();  // of those under way the first, or earlier
+  std::size_t atOnce_ = atOnceOverHTTP1;
+  Clock::time_point nextDeadline_ = Clock::time_point::max();  // of all the first, or earlier
 };
 
 void Transfer::await_suspend(std::coroutine_handle<> coroutine) {

@@ -70,8 +70,7 @@ class UserDefaults::Store {
     std::error_code refused;
     fs::create_directories(file_.parent_path().parent_path(), refused);
     mkdir(file_.parent_path().c_str(), 0700);
-    create();
-    if (isDamage(open())) setAside();
+    openOrReplace(false);
   }
 
   std::optional<Value> read(std::string_view key) {
@@ -151,13 +150,15 @@ class UserDefaults::Store {
                nullptr, nullptr) == SQLITE_OK;
   }
 
-  // Moves a damaged file away and begins a new one. Several processes may find the damage at once:
-  // one moves the file, and the others find its successor.
-  void setAside() {
+  // Opens the file, or a new one in its place if it's damaged, which a `suspect` file is searched
+  // for. One process at a time: several may come at once to a file that is new, or find the same
+  // damage.
+  void openOrReplace(bool suspect) {
     shut();
     const int directory = ::open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     flock(directory, LOCK_EX);
-    if (isDamage(open()) || (database_ && !isSound())) {
+    create();
+    if (isDamage(open()) || (suspect && database_ && !isSound())) {
       shut();
       for (const char* suffix : {"", "-wal", "-shm"}) {
         const std::string name = file_.string();
@@ -176,7 +177,7 @@ class UserDefaults::Store {
     if (!database_) return SQLITE_CANTOPEN;
     const int code = operation();
     if (!isDamage(code)) return code;
-    setAside();
+    openOrReplace(true);
     return database_ ? operation() : SQLITE_CANTOPEN;
   }
 
