@@ -15,8 +15,9 @@ namespace {
 
 int exitCode = EXIT_FAILURE;
 
-void finish(int code) {
-  exitCode = code;
+void finish(const std::optional<Error>& error) {
+  if (error) std::fprintf(stderr, "quickstart: %s\n", error->what());
+  exitCode = error ? EXIT_FAILURE : EXIT_SUCCESS;
   MainQueue::stop();
 }
 
@@ -52,17 +53,19 @@ void createLinks() {
                           .setUTMParameters("newsletter", "email", "spring")
                           .build();
   // With a completion handler: called once, later, on this thread.
-  Quorva::createDynamicLink(spring, [spring](std::optional<std::string> shortLink,
-                                             std::optional<Error> error) {
-    if (error) return finish(EXIT_FAILURE);
-    say("chosen path:", *shortLink);
-    start(tour(spring), [](Result<void> toured) { finish(toured ? EXIT_SUCCESS : EXIT_FAILURE); });
-  });
+  Quorva::createDynamicLink(
+      spring, [spring](std::optional<std::string> shortLink, std::optional<Error> error) {
+        if (error) return finish(error);
+        say("chosen path:", *shortLink);
+        start(tour(spring), [](Result<void> toured) {
+          finish(toured ? std::nullopt : std::optional(toured.error()));
+        });
+      });
 }
 
 struct Links : QuorvaDelegate {
   void quorvaDidInitialize(const QVConfiguration&) override { createLinks(); }
-  void quorvaDidFailToInitialize(const Error&) override { finish(EXIT_FAILURE); }
+  void quorvaDidFailToInitialize(const Error& error) override { finish(error); }
 };
 
 }  // namespace
@@ -70,9 +73,10 @@ struct Links : QuorvaDelegate {
 int main(int argc, char** argv) {
   const std::string_view port = argc == 5 ? argv[2] : "";
   std::uint16_t number = 0;
-  const bool isNumber =
-      std::from_chars(port.data(), port.data() + port.size(), number).ec == std::errc();
-  if (!isNumber || std::string_view(argv[1]) != "--port" || std::string_view(argv[3]) != "--ca") {
+  const char* const end = port.data() + port.size();
+  const auto read = std::from_chars(port.data(), end, number);
+  if (read.ec != std::errc() || read.ptr != end || std::string_view(argv[1]) != "--port" ||
+      std::string_view(argv[3]) != "--ca") {
     std::fputs("usage: quickstart --port N --ca FILE   (as the local service prints them)\n",
                stderr);
     return 2;

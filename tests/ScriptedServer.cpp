@@ -55,7 +55,7 @@ void waitUntilPeerGoes(int socket) {
 /// Linux resets a connection when its socket is told to connect to nobody.
 void reset(int socket) {
   constexpr sockaddr nobody{AF_UNSPEC, {}};
-  connect(socket, &nobody, sizeof nobody);
+  static_cast<void>(connect(socket, &nobody, sizeof nobody));
 }
 
 /// Appends what comes next; false when the peer has gone.

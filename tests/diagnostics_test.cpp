@@ -77,8 +77,10 @@ TEST(QuorvaError, DescribesEachCase) {
   using enum QuorvaError::Case;
   const std::pair<QuorvaError, std::string_view> rows[] = {
       {QuorvaError::missing({"a", "b"}), "Required Keys are missing - a, b"},
-      {QuorvaError::network(platform::ForeignError{"down"}), "Network error: down"},
+      {QuorvaError::missing({}), "Required Keys are missing - "},
+      {QuorvaError::network(platform::ForeignError{""}), "Network error: "},
       {QuorvaError::server(503), "Server error with status code: 503"},
+      {QuorvaError::server(-1), "Server error with status code: -1"},
       {QuorvaError(badRequest), "The request was malformed or invalid."},
       {QuorvaError(duplicatePath), "Selected Path already exist!"},
       {QuorvaError(invalidAPIKey), "Failed to initialize Quorva with a valid API key"},
