@@ -114,7 +114,8 @@ TEST_F(LocalService, LetsOneOfManyHaveAPathAndRemembersIt) {
 struct Program {
   explicit Program(const std::string& arguments)
       : output(popen(
-            ("echo $$; exec " QUORVA_LOCALSERVICE_PROGRAM " " + arguments + " 2>&1").c_str(), "r")),
+            ("echo $$; exec '" QUORVA_LOCALSERVICE_PROGRAM "' " + arguments + " 2>&1").c_str(),
+            "r")),
         process(std::stoi(line())) {}
   std::string line() const {
     std::array<char, 1024> text{};
