@@ -51,11 +51,10 @@ void QVLogger::log(LogLevel level, std::string_view message, std::string_view fi
         std::string_view(number), "] "sv, function, ": "sv, message}) {
     text += part;
   }
+  text += '\n';  // with it one write, so that lines of two threads don't mix
+  if (isConsoleEnabled) std::fwrite(text.data(), 1, text.size(), stdout);
+  text.pop_back();
   if (isSystemLogEnabled && unifiedLog().isEnabled(type)) unifiedLog().log(type, text);
-  if (isConsoleEnabled) {
-    text += '\n';  // one write, so that lines of two threads don't mix
-    std::fwrite(text.data(), 1, text.size(), stdout);
-  }
 }
 
 void QVLogger::log(LogLevel level, std::string_view message, const CallSite& site) {

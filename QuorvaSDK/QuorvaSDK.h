@@ -49,7 +49,7 @@ class QUORVA_EXPORT Quorva {
 
   /// Has the service make a short link, and returns at once. `completion` is called exactly once,
   /// later, on the application's thread. Works with what an earlier launch stored, initialized or
-  /// not.
+  /// not. May be called on any thread.
   ///
   /// Errors: a QuorvaError (missingKeys, invalidAPIKey, duplicatePath, badRequest; invalidResponse
   /// for an answer without a link), or a URLError or DecodingError as it came.

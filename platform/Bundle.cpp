@@ -35,7 +35,11 @@ void Bundle::setMain(Bundle bundle) {
 std::string executableName() {
   std::error_code unreadable;
   const auto path = std::filesystem::read_symlink("/proc/self/exe", unreadable);
-  return unreadable ? program_invocation_short_name : path.filename().string();
+  std::string name = unreadable ? program_invocation_short_name : path.filename().string();
+  // As the kernel calls a program whose file was replaced, by an update, while it runs.
+  constexpr std::string_view replaced = " (deleted)";
+  if (name.ends_with(replaced)) name.erase(name.size() - replaced.size());
+  return name;
 }
 
 std::string localizedString(const char* key) {

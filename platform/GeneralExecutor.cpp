@@ -16,7 +16,7 @@ struct State {
   bool running = false;
   std::deque<std::function<void()>> jobs;
 
-  std::mutex atWork;  // held while a job runs; taken for good at exit
+  WorkLock atWork;  // held while a job runs; taken for good at exit
 };
 
 // Never destroyed: the thread may still work while the process exits.
@@ -44,7 +44,7 @@ void GeneralExecutor::post(std::function<void()> job) {
   State& executor = state();
   std::unique_lock lock(executor.mutex);
   if (!executor.running) {
-    executor.running = startThread("quorva-general", work, [] { state().atWork.lock(); });
+    executor.running = startThread("quorva-general", work, [] { stopWork(state().atWork); });
   }
   if (!executor.running) {
     lock.unlock();

@@ -51,8 +51,11 @@ JSONValue::Number number(std::string_view token) {
 // parseJSON.
 template <class Source>
 JSONValue read(Source&& source, int depth) {
-  if (depth > maximumDepth) throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
-  switch (source.type().value()) {
+  const ondemand::json_type type = source.type().value();
+  const bool isContainer =
+      type == ondemand::json_type::object || type == ondemand::json_type::array;
+  if (isContainer && depth > maximumDepth) throw simdjson::simdjson_error(simdjson::DEPTH_ERROR);
+  switch (type) {
     case ondemand::json_type::object: {
       JSONValue::Object entries;
       ondemand::object object = source.get_object().value();

@@ -102,8 +102,9 @@ std::size_t MainQueue::drain() {
 void MainQueue::setWakeCallback(Job callback) {
   State& queue = state();
   const auto wake = std::make_shared<const Job>(std::move(callback));
+  auto replaced = wake;  // let go of when the lock is released, since that may run the host's code
   std::unique_lock lock(queue.mutex);
-  queue.wake = wake;
+  std::swap(queue.wake, replaced);
   const bool waiting = queue.armed;
   lock.unlock();
   if (waiting) call(wake);

@@ -227,8 +227,8 @@ template <class T, class Executor, class Callback>
 Detached run(Task<T, Executor> task, std::shared_ptr<Callback> callback) {
   Result<T> outcome = co_await std::move(task).result();
   // A job of its own: what the callback throws leaves through the queue, not through a coroutine.
-  MainQueue::post([callback = std::move(callback), outcome = std::move(outcome)]() mutable {
-    (*callback)(std::move(outcome));
+  MainQueue::post([callback, held = std::make_shared<Result<T>>(std::move(outcome))] {
+    (*callback)(std::move(*held));
   });
 }
 
@@ -249,7 +249,7 @@ void detach(Task<void, Executor> task) {
 /// application's thread. Any thread.
 template <class T, class Executor, std::invocable<Result<T>> Callback>
 void start(Task<T, Executor> task, Callback callback) {
-  // Shared, so that a callback that can't be copied will do.
+  // Shared, as the outcome is, so that what can't be copied will do.
   detail::run(std::move(task), std::make_shared<Callback>(std::move(callback)));
 }
 

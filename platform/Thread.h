@@ -2,7 +2,16 @@
 
 #pragma once
 
+#include <mutex>
+
 namespace quorva::platform {
+
+/// Held by a thread of the library's own while it is at work.
+using WorkLock = std::timed_mutex;
+
+/// For exit handlers: takes `lock` for good, once the work under way is done, or after a second in
+/// which it isn't.
+void stopWork(WorkLock& lock);
 
 /// Starts a thread that is never joined and takes no signals, so that the host's handlers run on
 /// the host's threads. False where the system has no thread left to give.

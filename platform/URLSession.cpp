@@ -10,6 +10,7 @@
 #include <iterator>
 #include <map>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -27,7 +28,7 @@ constexpr long maximumRedirects = 20;
 // How many requests are with curl at once; the others wait here, since those that wait in curl may
 // wait for good.
 constexpr std::size_t atOnceOverHTTP1 = 6;    // each on a connection of its own
-constexpr std::size_t atOnceOverHTTP2 = 100;  // all on one
+constexpr std::size_t atOnceOverHTTP2 = 100;  // sharing connections
 constexpr std::size_t idleHandles = 16;       // kept for reuse: a new one is dear
 
 struct List {
@@ -173,7 +174,11 @@ std::size_t takeHeader(char*, std::size_t size, std::size_t count, void* transfe
 std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* context) {
   auto& transfer = *static_cast<Transfer*>(context);
   if (!take(transfer, size * count)) return 0;
-  transfer.response.body.append(bytes, size * count);
+  try {
+    transfer.response.body.append(bytes, size * count);
+  } catch (const std::bad_alloc&) {
+    return 0;  // curl, which is C, is to hear of it: too large for this machine
+  }
   return size * count;
 }
 
@@ -209,14 +214,14 @@ class Network {
     // to stop.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
-    multi_ = curl_multi_init();
-    share_ = curl_share_init();
+    if (!multi_) multi_ = curl_multi_init();
+    if (!share_) share_ = curl_share_init();
     if (!multi_ || !share_) return false;
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     trust_ = TrustStore::system();
     return startThread(
-        "quorva-network", [] { shared().run(); }, [] { shared().atWork_.lock(); });
+        "quorva-network", [] { shared().run(); }, [] { stopWork(shared().atWork_); });
   }
 
   [[noreturn]] void run() {
@@ -232,6 +237,8 @@ class Network {
           end(*info<Transfer*>(message->easy_handle, CURLINFO_PRIVATE), message->data.result);
         }
         expire();
+        // After a pause the connection may be gone: not a hundred of them at once, then.
+        if (underWay_.empty()) atOnce_ = atOnceOverHTTP1;
         while (!waiting_.empty() && underWay_.size() < atOnce_) {
           Transfer* const next = waiting_.front();
           waiting_.pop_front();
@@ -386,7 +393,7 @@ class Network {
   std::vector<Transfer*> submitted_;
   std::map<std::string, URLSession::Route> routes_;
 
-  std::mutex atWork_;  // held while curl is at work; taken for good at exit
+  WorkLock atWork_;  // held while curl is at work; taken for good at exit
 
   // Constant once the thread runs:
   CURLM* multi_ = nullptr;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <mutex>
@@ -66,12 +67,7 @@ fs::path dataHome() {
 
 class UserDefaults::Store {
  public:
-  explicit Store(fs::path file) : file_(std::move(file)) {
-    std::error_code refused;
-    fs::create_directories(file_.parent_path().parent_path(), refused);
-    mkdir(file_.parent_path().c_str(), 0700);
-    openOrReplace(false);
-  }
+  explicit Store(fs::path file) : file_(std::move(file)) { openOrReplace(false); }
 
   std::optional<Value> read(std::string_view key) {
     const std::scoped_lock lock(mutex_);
@@ -87,7 +83,15 @@ class UserDefaults::Store {
 
   void write(std::string_view key, std::optional<Value> value) {
     const std::scoped_lock lock(mutex_);
-    const int code = perform([&] {
+    unwritten_.insert_or_assign(std::string(key), std::move(value));
+    // With it goes what could not be written before.
+    std::erase_if(unwritten_,
+                  [&](const auto& entry) { return put(entry.first, entry.second) == SQLITE_DONE; });
+  }
+
+ private:
+  int put(const std::string& key, const std::optional<Value>& value) {
+    return perform([&] {
       if (!value) return step(remove_, key);
       if (const auto* text = std::get_if<std::string>(&*value)) {
         sqlite3_bind_text64(put_.get(), 2, text->data(), text->size(), SQLITE_STATIC, SQLITE_UTF8);
@@ -96,14 +100,8 @@ class UserDefaults::Store {
       }
       return step(put_, key);
     });
-    if (code == SQLITE_DONE) {
-      unwritten_.erase(std::string(key));
-    } else {
-      unwritten_.insert_or_assign(std::string(key), std::move(value));
-    }
   }
 
- private:
   // Makes the file, for its mode. Only where there is none: closing a descriptor of an open
   // database would drop its locks.
   void create() const {
@@ -155,8 +153,14 @@ class UserDefaults::Store {
   // damage.
   void openOrReplace(bool suspect) {
     shut();
+    std::error_code refused;
+    fs::create_directories(file_.parent_path().parent_path(), refused);
+    mkdir(file_.parent_path().c_str(), 0700);
     const int directory = ::open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    flock(directory, LOCK_EX);
+    for (int waited = 0; flock(directory, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK &&
+                         waited < busyMilliseconds;) {
+      waited += sqlite3_sleep(10);
+    }
     create();
     if (isDamage(open()) || (suspect && database_ && !isSound())) {
       shut();
@@ -174,6 +178,7 @@ class UserDefaults::Store {
   // is done.
   template <class Operation>
   int perform(Operation operation) {
+    if (!database_) openOrReplace(false);
     if (!database_) return SQLITE_CANTOPEN;
     const int code = operation();
     if (!isDamage(code)) return code;

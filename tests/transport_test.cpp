@@ -30,65 +30,50 @@ std::string address(const std::string& path = "/") {
   return std::string("https://") + host + path;
 }
 
+std::optional<Code> code(const Result<HTTPResponse>& result) {
+  const auto* error = result ? nullptr : result.error().as<URLError>();
+  return error ? std::optional(error->code) : std::nullopt;
+}
+
+auto request(const std::string& url, std::string body, std::chrono::milliseconds timeout = 20s) {
+  URLRequest request(URL::parse(url).value());
+  request.headers = {"Content-Type: application/json"};
+  request.body = std::move(body);
+  request.timeout = timeout;
+  return URLSession::post(std::move(request));
+}
+
+Result<HTTPResponse> post(const std::string& url = address(), std::string body = "{}",
+                          std::chrono::milliseconds timeout = 20s) {
+  std::optional<Result<HTTPResponse>> outcome;
+  start(request(url, std::move(body), timeout), [&](auto result) { outcome = std::move(result); });
+  EXPECT_TRUE(drainUntil([&] { return outcome.has_value(); })) << "no outcome";
+  return outcome.value();
+}
+
 class Transport : public testing::Test {
  protected:
-  static const CertificateAuthority& authority() {
-    static const auto authority = CertificateAuthority::create();
-    return authority;
-  }
+  Transport() { test::writeFile(caFile, authority.certificatePEM()); }
 
-  std::filesystem::path file(const CertificateAuthority& of) const {
-    const auto path = directory_.path() / "ca.pem";
-    test::writeFile(path, of.certificatePEM());
-    return path;
-  }
-
-  // Starts a request, whose outcome `take` waits for.
-  struct Pending {
-    std::optional<Result<HTTPResponse>> outcome;
-    Result<HTTPResponse> take() {
-      if (!drainUntil([&] { return outcome.has_value(); })) throw std::runtime_error("no outcome");
-      return *outcome;
-    }
-  };
-  std::shared_ptr<Pending> begin(const std::string& url, std::string body = "{}",
-                                 std::chrono::milliseconds timeout = 20s) const {
-    URLRequest request(URL::parse(url).value());
-    request.headers = {"Content-Type: application/json"};
-    request.body = std::move(body);
-    request.timeout = timeout;
-    auto pending = std::make_shared<Pending>();
-    start(URLSession::post(std::move(request)),
-          [pending](Result<HTTPResponse> result) { pending->outcome = std::move(result); });
-    return pending;
-  }
-  Result<HTTPResponse> post(const std::string& url = address(), std::string body = "{}",
-                            std::chrono::milliseconds timeout = 20s) const {
-    return begin(url, std::move(body), timeout)->take();
-  }
-
-  // Sends requests for `host` to `server`.
-  void route(const ScriptedServer& server) const {
-    URLSession::route(host, {server.port(), file(authority())});
+  // Sends requests for `host` to a server, and to it alone.
+  std::unique_ptr<ScriptedServer> serve(ScriptedServer::Handler handler,
+                                        Greeting greeting = Greeting::tls) const {
+    auto server = std::make_unique<ScriptedServer>(identity, std::move(handler), greeting);
+    URLSession::route(host, {server->port(), caFile});
+    return server;
   }
 
   // The error of a request that `reply` answers.
   std::optional<Code> errorFor(const Reply& reply, Greeting greeting = Greeting::tls) const {
-    const ScriptedServer server(
-        authority().issue({host}), [&](const auto&) { return reply; }, greeting);
-    route(server);
-    return code(
-        post(address(), "{}",
-             reply.then == Reply::Then::hold || greeting == Greeting::silence ? 200ms : 20s));
+    const auto server = serve([&](const auto&) { return reply; }, greeting);
+    const bool isSilent = reply.then == Reply::Then::hold || greeting == Greeting::silence;
+    return code(post(address(), "{}", isSilent ? 200ms : 20s));
   }
 
-  static std::optional<Code> code(const Result<HTTPResponse>& result) {
-    const auto* error = result ? nullptr : result.error().as<URLError>();
-    return error ? std::optional(error->code) : std::nullopt;
-  }
-
- private:
-  const test::TemporaryDirectory directory_;
+  const test::TemporaryDirectory directory;
+  const std::filesystem::path caFile = directory.path() / "ca.pem";
+  const CertificateAuthority authority = CertificateAuthority::create();
+  localservice::Identity identity = authority.issue({host});
 };
 
 std::string headers(std::string_view more) {
@@ -98,36 +83,31 @@ std::string headers(std::string_view more) {
 constexpr const char* chunked = "Transfer-Encoding: chunked\r\n";
 constexpr const char* gzip = "Content-Encoding: gzip\r\n";
 
-TEST_F(Transport, SendsOneRequestAndGivesTheWholeReply) {
+TEST_F(Transport, SendsOneRequestAndGivesTheWholeReplyAndKeepsConnectionAndCookies) {
   const std::string large(3 << 20, 'x');
-  const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
-    return Reply::http(request.body.empty() ? 204 : 599, {{"Content-Type", "text/plain"}},
+  const auto server = serve([](const ReceivedRequest& request) {
+    return Reply::http(request.body.empty() ? 204 : 599, {{"Set-Cookie", "session=1; Path=/"}},
                        request.body);
   });
-  route(server);
   const auto result = post(address("/a?b=c"), large);
   EXPECT_EQ(result->statusCode, 599) << "any status is a reply";
   EXPECT_EQ(result->body, large);
   EXPECT_EQ(post(address(), "")->statusCode, 204);
-  const auto requests = server.requests();
+  const auto requests = server->requests();
   ASSERT_EQ(requests.size(), 2U);
   EXPECT_EQ(requests[0].method, "POST");
   EXPECT_EQ(requests[0].target, "/a?b=c");
   EXPECT_EQ(requests[0].header("Host"), host);
   EXPECT_EQ(requests[0].header("Expect"), std::nullopt);
-  EXPECT_EQ(server.connections(), 1U) << "kept alive";
+  EXPECT_EQ(requests[0].header("Cookie"), std::nullopt);
+  EXPECT_EQ(requests[1].header("Cookie"), "session=1");
+  EXPECT_EQ(server->connections(), 1U);
 }
 
 TEST_F(Transport, TellsWhatTheWireDid) {
   using enum Reply::Then;
-  struct Row {
-    const char* what;
-    std::optional<Code> expected;
-    Reply reply;
-    Greeting greeting = Greeting::tls;
-  };
   const auto length = [](int bytes) { return "Content-Length: " + std::to_string(bytes) + "\r\n"; };
-  const Row rows[] = {
+  const std::tuple<const char*, std::optional<Code>, Reply> rows[] = {
       {"closed without a word", Code::networkConnectionLost, {"", close}},
       {"reset without a word", Code::networkConnectionLost, {"", reset}},
       {"half a status line", Code::networkConnectionLost, {"HTTP/1.1 20", close}},
@@ -140,17 +120,16 @@ TEST_F(Transport, TellsWhatTheWireDid) {
       {"silence", Code::timedOut, {"", hold}},
       {"silence in the headers", Code::timedOut, {"HTTP/1.1 200 OK\r\nA: b", hold}},
       {"silence in the body", Code::timedOut, {headers(length(9)) + "half", hold}},
-      {"silence before TLS", Code::timedOut, {}, Greeting::silence},
-      {"no TLS", Code::secureConnectionFailed, {}, Greeting::garbage},
-      {"closed before TLS", Code::secureConnectionFailed, {}, Greeting::close},
       {"a body that ends with the connection", std::nullopt, {headers("") + "whole", close}}};
-  for (const auto& row : rows)
-    EXPECT_EQ(errorFor(row.reply, row.greeting), row.expected) << row.what;
+  for (const auto& [what, expected, reply] : rows) EXPECT_EQ(errorFor(reply), expected) << what;
+  EXPECT_EQ(errorFor({}, Greeting::silence), Code::timedOut);
+  EXPECT_EQ(errorFor({}, Greeting::garbage), Code::secureConnectionFailed);
+  EXPECT_EQ(errorFor({}, Greeting::close), Code::secureConnectionFailed);
 }
 
 TEST_F(Transport, TellsRefusedConnections) {
-  URLSession::route(host, {test::unusedPort(), file(authority())});
-  const Result<HTTPResponse> result = post();
+  URLSession::route(host, {test::unusedPort(), caFile});
+  const auto result = post();
   EXPECT_EQ(code(result), Code::cannotConnectToHost);
   EXPECT_EQ(result.error().localizedDescription(), "Could not connect to the server.");
   EXPECT_NE(result.error().as<URLError>()->underlying, "") << "curl's own words";
@@ -162,26 +141,26 @@ TEST_F(Transport, TrustsOnlyTheRightCertificates) {
   const Validity past{now - 48h, now - 24h};
   const Validity future{now + 24h, now + 48h};
   const std::tuple<const char*, localservice::Identity, std::optional<Code>> rows[] = {
-      {"good", authority().issue({host}), std::nullopt},
-      {"name", authority().issue({"other.example", "127.0.0.1"}), Code::serverCertificateUntrusted},
+      {"good", identity, std::nullopt},
+      {"name", authority.issue({"other.example", "127.0.0.1"}), Code::serverCertificateUntrusted},
       {"authority", stranger.issue({host}), Code::serverCertificateHasUnknownRoot},
-      {"expired", authority().issue({host}, past), Code::serverCertificateHasBadDate},
-      {"early", authority().issue({host}, future), Code::serverCertificateNotYetValid}};
-  for (const auto& [what, identity, expected] : rows) {
-    const ScriptedServer server(identity, [](const auto&) { return Reply::json(200, "{}"); });
-    route(server);
+      {"expired", authority.issue({host}, past), Code::serverCertificateHasBadDate},
+      {"early", authority.issue({host}, future), Code::serverCertificateNotYetValid}};
+  for (const auto& [what, shown, expected] : rows) {
+    identity = shown;
+    const auto server = serve([](const auto&) { return Reply::json(200, "{}"); });
     EXPECT_EQ(code(post()), expected) << what;
-    EXPECT_EQ(server.requests().size(), expected ? 0U : 1U) << what;
+    EXPECT_EQ(server->requests().size(), expected ? 0U : 1U) << what;
   }
   // What is trusted for one host, for development, is trusted for that host alone.
-  const ScriptedServer server(authority().issue({"127.0.0.1"}),
-                              [](const auto&) { return Reply::json(200, ""); });
-  EXPECT_EQ(code(post("https://127.0.0.1:" + std::to_string(server.port()) + "/")),
+  identity = authority.issue({"127.0.0.1"});
+  const auto server = serve([](const auto&) { return Reply(); });
+  EXPECT_EQ(code(post("https://127.0.0.1:" + std::to_string(server->port()) + "/")),
             Code::serverCertificateHasUnknownRoot);
 }
 
 TEST_F(Transport, FollowsRedirectsOverHTTPSOnly) {
-  const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
+  const auto server = serve([](const ReceivedRequest& request) {
     const auto redirect = [](int status, const std::string& to) {
       return Reply::http(status, {{"Location", to}});
     };
@@ -191,23 +170,14 @@ TEST_F(Transport, FollowsRedirectsOverHTTPSOnly) {
     if (request.target == "/end") return Reply::json(200, request.method + " " + request.body);
     return redirect(std::stoi(request.target.substr(1)), "/end");
   });
-  route(server);
-  const std::pair<const char*, const char*> rows[] = {{"/301", "GET "},
-                                                      {"/302", "GET "},
-                                                      {"/303", "GET "},
-                                                      {"/307", "POST {}"},
-                                                      {"/308", "POST {}"}};
-  for (const auto& [path, seen] : rows) {
-    const auto result = post(address(path));
-    ASSERT_TRUE(result) << path << result.error().localizedDescription();
-    EXPECT_EQ(result->body, seen) << path;
-  }
-  EXPECT_EQ(code(post(address("/plain"))), Code::insecureConnection);
-  EXPECT_EQ(code(post(address("/file"))), Code::insecureConnection);
-  EXPECT_EQ(code(post("http://127.0.0.1/")), Code::insecureConnection);
-  const auto before = server.requests().size();
+  for (const int status : {301, 302, 303, 307, 308})
+    EXPECT_EQ(post(address("/" + std::to_string(status))).value().body,
+              status < 307 ? "GET " : "POST {}");
+  for (const auto& url : {address("/plain"), address("/file"), std::string("http://127.0.0.1/")})
+    EXPECT_EQ(code(post(url)), Code::insecureConnection) << url;
+  const auto before = server->requests().size();
   EXPECT_EQ(code(post(address("/loop"))), Code::httpTooManyRedirects);
-  EXPECT_EQ(server.requests().size() - before, 21U) << "20 are followed";
+  EXPECT_EQ(server->requests().size() - before, 21U) << "20 are followed";
 }
 
 TEST_F(Transport, BoundsTheReply) {
@@ -220,45 +190,31 @@ TEST_F(Transport, BoundsTheReply) {
 
 TEST_F(Transport, EveryReplyOnTheWayStartsTheTimerAnew) {
   // What is measured is time itself: five replies, 400 ms apart, under a timer of one second.
-  const ScriptedServer server(authority().issue({host}), [](const ReceivedRequest& request) {
+  const auto server = serve([](const ReceivedRequest& request) {
     std::this_thread::sleep_for(400ms);
     const auto hop = request.target.size();
     return hop == 5 ? Reply::json(200, "")
                     : Reply::http(307, {{"Location", "/" + std::string(hop, 'x')}});
   });
-  route(server);
   const auto started = std::chrono::steady_clock::now();
   EXPECT_EQ(code(post(address(), "{}", 1s)), std::nullopt);
   EXPECT_GE(std::chrono::steady_clock::now() - started, 2s);
 }
 
-TEST_F(Transport, KeepsCookiesInMemory) {
-  const ScriptedServer server(authority().issue({host}), [](const ReceivedRequest& request) {
-    return Reply::http(200, {{"Set-Cookie", "session=1; Path=/"}},
-                       request.header("Cookie").value_or("none"));
-  });
-  route(server);
-  EXPECT_EQ(post()->body, "none");
-  EXPECT_EQ(post()->body, "session=1");
-}
-
 TEST_F(Transport, ManyRequestsShareFewConnections) {
-  constexpr int count = 200;
   std::latch all(6);
-  const ScriptedServer server(authority().issue({host}), [&](const ReceivedRequest& request) {
+  const auto server = serve([&](const ReceivedRequest& request) {
     if (request.target == "/first") all.arrive_and_wait();  // six are under way at once
     return Reply::json(200, request.body);
   });
-  route(server);
-  std::vector<std::shared_ptr<Pending>> pending;
-  for (int i = 0; i < count; ++i)
-    pending.push_back(begin(address(i < 6 ? "/first" : "/"), std::to_string(i)));
-  for (int i = 0; i < count; ++i) {
-    const auto result = pending[static_cast<std::size_t>(i)]->take();
-    ASSERT_TRUE(result) << result.error().localizedDescription();
-    EXPECT_EQ(result->body, std::to_string(i)) << "its own reply";
-  }
-  EXPECT_EQ(server.connections(), 6U);
+  int done = 0;
+  for (int i = 0; i < 200; ++i)
+    start(request(address(i < 6 ? "/first" : "/"), std::to_string(i)), [&, i](auto result) {
+      EXPECT_EQ(std::move(result).value().body, std::to_string(i)) << "its own reply";
+      ++done;
+    });
+  EXPECT_TRUE(drainUntil([&] { return done == 200; }));
+  EXPECT_EQ(server->connections(), 6U);
 }
 
 }  // namespace

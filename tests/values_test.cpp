@@ -15,45 +15,27 @@ namespace {
 using namespace std::string_view_literals;
 
 TEST(Text, TrimsWhitespaceAndNothingElse) {
-  struct Row {
-    std::string_view text;
-    std::string_view trimmed;
-  };
-  const Row rows[] = {
+  const std::pair<std::string_view, std::string_view> rows[] = {
       {" ", ""},
       {"\r\nabc\r\n", "abc"},
-      {"\u0301 a", "\u0301 a"},
+      {" a b ", "a b"},
       {"\u00A0a\u00A0", "a"},
       {"\u3000a", "a"},
-      {"\0a\0"sv, "\0a\0"sv},
       {"a\u20D0 ", "a\u20D0"},
-      {"\u2800a", "\u2800a"},
-      {"\x08"
-       "a\x7F",
-       "\x08"
-       "a\x7F"},
-      {"\t\v\f \xC2\x85\u1680\u2000\u200A\u2028\u2029\u202F\u205F", ""},
-      {" a b ", "a b"},
-      {"\u200Ba\uFEFF", "\u200Ba\uFEFF"},
-      {"\x85"
-       "a\xA0",
-       "\x85"
-       "a\xA0"},  // bytes that only end white space's encodings
-  };
-  for (const auto& row : rows) EXPECT_EQ(trimmed(row.text), row.trimmed) << row.text;
+      {"\t\v\f \xC2\x85\u1680\u2000\u200A\u2028\u2029\u202F\u205F", ""}};
+  for (const auto& [text, expected] : rows) EXPECT_EQ(trimmed(text), expected) << text;
+  // The last begins and ends with bytes that only end white space's encodings.
+  for (const auto text :
+       {"\0a\0"sv, "\ba\x7F"sv, "\u0301 a"sv, "\u2800a"sv, "\u200Ba\uFEFF"sv, "\x85z\xA0"sv})
+    EXPECT_EQ(trimmed(text), text);
 }
 
 TEST(URL, IsKeptEncodedOrRefused) {
   const auto rows = test::vectors("urls.json");
-  for (const std::string text : rows.at("kept")) {
-    const auto url = URL::parse(text);
-    ASSERT_TRUE(url) << text;
-    EXPECT_EQ(url->absoluteString(), text);
-  }
-  for (const auto& [text, encoded] :
-       rows.at("encoded").get<std::vector<std::pair<std::string, std::string>>>()) {
-    EXPECT_EQ(URL::parse(text).value().absoluteString(), encoded);
-  }
+  for (const std::string text : rows.at("kept"))
+    EXPECT_EQ(URL::parse(text).value().absoluteString(), text);
+  for (const auto& row : rows.at("encoded"))
+    EXPECT_EQ(URL::parse(row[0].get<std::string>()).value().absoluteString(), row[1]);
   for (const std::string text : rows.at("refused")) EXPECT_FALSE(URL::parse(text)) << text;
   EXPECT_FALSE(URL::parse("https://example.com/\xFF"));
 }
@@ -66,9 +48,7 @@ TEST(URL, NamesItsHost) {
       {"a//b", ""},
       {"//h/p", "h"},
       {"https:///p", ""}};
-  for (const auto& [text, host] : rows) {
-    EXPECT_EQ(URL::parse(text).value().host(), host) << text;
-  }
+  for (const auto& [text, host] : rows) EXPECT_EQ(URL::parse(text)->host(), host) << text;
 }
 
 TEST(Date, IsWrittenInUTCToWholeSeconds) {
@@ -76,9 +56,8 @@ TEST(Date, IsWrittenInUTCToWholeSeconds) {
       {1741944414, "2025-03-14T09:26:54Z"}, {951782400, "2000-02-29T00:00:00Z"},
       {1709164800, "2024-02-29T00:00:00Z"}, {253402300799, "9999-12-31T23:59:59Z"},
       {4102444800, "2100-01-01T00:00:00Z"}, {-1, "1969-12-31T23:59:59Z"}};
-  for (const auto& [seconds, text] : rows) {
+  for (const auto& [seconds, text] : rows)
     EXPECT_EQ(iso8601(std::chrono::sys_seconds(std::chrono::seconds(seconds))), text);
-  }
 }
 
 TEST(Error, CarriesItsErrorUnchanged) {
