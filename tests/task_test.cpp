@@ -139,6 +139,7 @@ TEST(MainQueue, RunsWhatWasQueuedWhenItBeganUnlessALoopInsideAJobHas) {
     EXPECT_TRUE(isReadable()) << "the loop inside hears of the rest";
     post('b');
     EXPECT_EQ(MainQueue::drain(), 2U);
+    EXPECT_FALSE(isReadable());
     post('c');
   });
   post('a');

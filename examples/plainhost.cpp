@@ -1,11 +1,12 @@
 // A host application that never heard of exceptions, type information or coroutines, with a loop of
-// its own. Built with all of that switched off, against what the library shows.
+// its own: built with all of that switched off.
 //
-//     host PORT CA-FILE [kill|exit|leave]
+//     plainhost PORT CA-FILE [kill|exit|leave]
 //
-// Initializes, creates a link in both ways, and ends with 0 if all went well. With "kill" it dies
-// by SIGKILL in the callback that tells of the initialization, with "exit" it leaves from there
-// with requests under way, and with "leave" it returns from main as soon as it has begun.
+// Initializes, creates a link in both ways, and ends with 0 if all went well. The last word has it
+// end as hosts do at times, which the tests make use of: by SIGKILL in the callback that tells of
+// the initialization, by exit() from there with requests under way, or by leaving main as soon as
+// it has begun.
 
 #include <QuorvaSDK/LocalService.h>
 #include <QuorvaSDK/QuorvaSDK.h>
@@ -13,6 +14,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -57,6 +59,10 @@ class Host : public quorva::QuorvaDelegate {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::fputs("usage: plainhost PORT CA-FILE   (as the local service prints them)\n", stderr);
+    return 6;
+  }
   const char* way = argc > 3 ? argv[3] : "";
   quorva::useLocalService(static_cast<std::uint16_t>(std::atoi(argv[1])), argv[2]);
   quorva::Quorva::initialize(quorva::QVConfiguration("qk", false, std::make_shared<Host>(way)));
