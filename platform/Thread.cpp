@@ -16,7 +16,7 @@ void stopWork(WorkLock& lock) {
       lock.try_lock_until(std::chrono::system_clock::now() + std::chrono::seconds(1)));
 }
 
-bool startThread(const char* name, void (*body)(), void (*stopWork)()) {
+bool startThread(const char* name, void (*body)(), void (*atExit)()) {
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -28,7 +28,7 @@ bool startThread(const char* name, void (*body)(), void (*stopWork)()) {
     std::thread thread(body);
     pthread_setname_np(thread.native_handle(), name);
     thread.detach();
-    std::atexit(stopWork);
+    std::atexit(atExit);
   } catch (const std::exception&) {
     started = false;
   }

@@ -16,9 +16,8 @@ void stopWork(WorkLock& lock);
 /// Starts a thread that is never joined and takes no signals, so that the host's handlers run on
 /// the host's threads. False where the system has no thread left to give.
 ///
-/// `stopWork` is called as the process exits, before what was set up earlier takes itself down. It
-/// must see to it that the thread is at no work by the time it returns and takes up none again:
-/// else it would use libraries that are gone.
-[[nodiscard]] bool startThread(const char* name, void (*body)(), void (*stopWork)());
+/// `atExit` is called as the process exits, before what was set up earlier takes itself down. It is
+/// to `stopWork`, or the thread would use libraries that are gone.
+[[nodiscard]] bool startThread(const char* name, void (*body)(), void (*atExit)());
 
 }  // namespace quorva::platform

@@ -174,8 +174,8 @@ class UserDefaults::Store {
     close(directory);
   }
 
-  // Runs `operation` on the open file, a second time if that finds damage. Without a file nothing
-  // is done.
+  // Runs `operation` on the file, which is tried again if it could not be opened, and a second time
+  // if it finds damage.
   template <class Operation>
   int perform(Operation operation) {
     if (!database_) openOrReplace(false);
