@@ -60,11 +60,21 @@ QuorvaError meaning(const std::string& body, const SpecialStatus& special) {
 
 // The record that an answer holds. The status alone decides what is looked for in the body.
 template <platform::Record T>
-T classify(const HTTPResponse& response, const SpecialStatus& special) {
+T classify(const HTTPResponse& response, const SpecialStatus* special = nullptr) {
   if (response.statusCode >= 200 && response.statusCode <= 299)
     return platform::decodeText<T>(response.body);
-  if (response.statusCode == special.status) throw Error(meaning(response.body, special));
+  if (special && response.statusCode == special->status)
+    throw Error(meaning(response.body, *special));
   throw Error(URLError(URLError::Code::badServerResponse));
+}
+
+// Who asks, in the calls about links that were tapped.
+JSONValue::Object storedInstallation() {
+  const auto apiKey = StorageKeys::apiKey.get();
+  if (!apiKey) throw Error(QuorvaError(QuorvaError::invalidAPIKey));
+  const auto identifier = StorageKeys::anonymousId.get();
+  if (!identifier) throw Error(QuorvaError(QuorvaError::invalidResponse));
+  return {{"api_key", *apiKey}, {"device_uuid", *identifier}};
 }
 
 Call<JSONValue::Object> pingBody() {
@@ -119,7 +129,7 @@ Call<std::optional<std::string>> QVNetworkManager::retrieveDeviceId(std::string 
   };
   const HTTPResponse response =
       co_await send(endpoint(QVUrls::retrieveDeviceIdUrl), std::move(body));
-  co_return classify<IdentityResponse>(response, refusedKey).uuid;
+  co_return classify<IdentityResponse>(response, &refusedKey).uuid;
 }
 
 Call<CreateDynaminLinkResponse> QVNetworkManager::createLink(QVDynamicLinkBuilder builder) {
@@ -130,7 +140,21 @@ Call<CreateDynaminLinkResponse> QVNetworkManager::createLink(QVDynamicLinkBuilde
   if (!empty.empty()) throw Error(QuorvaError::missing(std::move(empty)));
   JSONValue::Object body = toDictionary(builder).value_or(JSONValue::Object());
   const HTTPResponse response = co_await send(std::move(url), std::move(body));
-  co_return classify<CreateDynaminLinkResponse>(response, refusedLink);
+  co_return classify<CreateDynaminLinkResponse>(response, &refusedLink);
+}
+
+Call<std::optional<std::string>> QVNetworkManager::resolveLink(URL link) {
+  JSONValue::Object body = storedInstallation();
+  body.emplace_back("short_url", link.absoluteString());
+  const HTTPResponse response = co_await send(endpoint(QVUrls::resolveUrl), std::move(body));
+  co_return classify<ResolvedDeeplinkResponse>(response).destinationUrl;
+}
+
+Call<DeferredDeeplinkResponse> QVNetworkManager::getAnyDeferredDeeplinks() {
+  URL url = endpoint(QVUrls::deferredDeeplinksUrl);
+  JSONValue::Object body = storedInstallation();
+  const HTTPResponse response = co_await send(std::move(url), std::move(body));
+  co_return classify<DeferredDeeplinkResponse>(response);
 }
 
 }  // namespace quorva

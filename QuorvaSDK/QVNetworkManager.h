@@ -33,6 +33,12 @@ class QVNetworkManager {
 
   /// Has the service make a short link.
   [[nodiscard]] static Call<CreateDynaminLinkResponse> createLink(QVDynamicLinkBuilder builder);
+
+  /// Asks where a short link leads; absent where the service's answer doesn't say.
+  [[nodiscard]] static Call<std::optional<std::string>> resolveLink(URL link);
+
+  /// Asks whether a link was tapped here before the application was installed.
+  [[nodiscard]] static Call<DeferredDeeplinkResponse> getAnyDeferredDeeplinks();
 };
 
 }  // namespace quorva

@@ -1,5 +1,6 @@
 #include "QuorvaSDK/QuorvaSDK.h"
 
+#include <chrono>
 #include <utility>
 
 #include "QuorvaSDK/QVLogger.h"
@@ -32,10 +33,46 @@ void tellDelegate(void (QuorvaDelegate::*callback)(Parameters...), const Argumen
   if (delegate) (*delegate.*callback)(arguments...);
 }
 
+Metadata metadata(bool isDeferred, std::string originalURL) {
+  return {{"isDeferred", isDeferred},
+          {"originalURL", std::move(originalURL)},
+          {"resolvedAt", std::chrono::system_clock::now()}};
+}
+
+// The URL that a text is, where there is one.
+std::optional<URL> parsed(const std::optional<std::string>& text) {
+  return text ? URL::parse(*text) : std::nullopt;
+}
+
+void getDeferredDeepLink() {
+  start(QVNetworkManager::getAnyDeferredDeeplinks(),
+        [](const Result<DeferredDeeplinkResponse>& answer) {
+          if (!answer) {
+            const Error& error = answer.error();
+            tellDelegate(&QuorvaDelegate::quorvaDidFailToResolveDeepLink, std::nullopt, error);
+            return QVLogger::log(LogLevel::error,
+                                 "Quorva DeepLink fetch failed: " + error.localizedDescription(),
+                                 "getDeferredDeepLink()");
+          }
+          const auto destination = parsed(answer->destinationUrl);
+          if (!answer->matchFound.value_or(false) || !destination) return;
+          tellDelegate(&QuorvaDelegate::quorvaDidResolveDeepLink, *destination,
+                       metadata(true, answer->originalUrl.value_or("")));
+        });
+}
+
+// The question is asked once per installation, whatever becomes of it.
+void checkFirstLaunch() {
+  if (!StorageKeys::firstLaunch.get()) return;
+  MainQueue::post(getDeferredDeepLink);
+  StorageKeys::firstLaunch.set(false);
+}
+
 void finishInitialization(const QVConfiguration& config) {
   QVNetworkManager::devicePing();
   tellDelegate(&QuorvaDelegate::quorvaDidInitialize, config);
   QVLogger::log(LogLevel::success, "Quorva SDK Intialized!", "initialize(config:)");
+  checkFirstLaunch();
 }
 
 }  // namespace
@@ -74,6 +111,24 @@ void Quorva::initialize(QVConfiguration config) {
         });
 }
 
+void Quorva::handleLink(URL link) {
+  const auto report = [link](const Result<std::optional<std::string>>& answer) {
+    if (!answer) {
+      QVLogger::log(LogLevel::error,
+                    "Failed to Handle Link - " + answer.error().localizedDescription(),
+                    "handleLink(_:)");
+    }
+    if (const auto destination = answer ? parsed(*answer) : std::nullopt) {
+      return tellDelegate(&QuorvaDelegate::quorvaDidResolveDeepLink, *destination,
+                          metadata(false, link.absoluteString()));
+    }
+    tellDelegate(&QuorvaDelegate::quorvaDidFailToResolveDeepLink, link,
+                 Error(QuorvaError(QuorvaError::invalidResponse)));
+  };
+  // In its turn, so that a link handed over just before `initialize` goes with what that stores.
+  MainQueue::post([link, report] { start(QVNetworkManager::resolveLink(link), report); });
+}
+
 void Quorva::createDynamicLink(QVDynamicLinkBuilder link, Completion completion) {
   start(QVNetworkManager::createLink(std::move(link)),
         [completion = std::move(completion)](const Result<CreateDynaminLinkResponse>& answer) {
@@ -102,6 +157,23 @@ Task<std::optional<std::string>> Quorva::createDynamicLink(QVDynamicLinkBuilder 
   }
   QVLogger::log(LogLevel::success, "Successfully created dynamic link", "createDynamicLink(for:)");
   co_return answer->shortURL;
+}
+
+Task<ResolvedLink> Quorva::resolveDynamicLink(std::string link) {
+  const auto url = URL::parse(platform::trimmed(link));
+  if (!url) throw Error(QuorvaError(QuorvaError::invalidURL));
+  if (!shared()) throw Error(QuorvaError(QuorvaError::notInitialized));
+  const Result<std::optional<std::string>> destination =
+      co_await QVNetworkManager::resolveLink(*url).result();
+  if (!destination) {
+    QVLogger::log(LogLevel::error,
+                  "Failed to resolve dynamic link: " + destination.error().localizedDescription(),
+                  "resolveDynamicLink(from:)");
+    throw destination.error();
+  }
+  QVLogger::log(LogLevel::success, "Successfully resolved dynamic link: " + link,
+                "resolveDynamicLink(from:)");
+  co_return ResolvedLink({parsed(*destination), *url});
 }
 
 }  // namespace quorva

@@ -19,6 +19,7 @@
 #include "QVDynamicLinkBehaviour.h"
 #include "QVDynamicLinkBuilder.h"
 #include "QuorvaError.h"
+#include "ResolvedLink.h"
 
 extern "C" {
 /// The library's version, 1.0.
@@ -43,6 +44,12 @@ class QUORVA_EXPORT Quorva {
   /// does its work from the MainQueue.
   static void initialize(QVConfiguration config);
 
+  /// Asks the service where a link leads that opened the application, and returns at once. The
+  /// delegate hears of the destination, or of `link` and invalidResponse: what went wrong is only
+  /// logged. Every URL is sent, of whatever scheme and host; that works with what an earlier launch
+  /// stored, initialized or not. May be called on any thread.
+  static void handleLink(URL link);
+
   /// Receives either the short link or the error.
   using Completion =
       std::function<void(std::optional<std::string> shortLink, std::optional<Error> error)>;
@@ -59,6 +66,15 @@ class QUORVA_EXPORT Quorva {
   /// or throws the Error. Fails with notInitialized before any `initialize`.
   [[nodiscard]] static Task<std::optional<std::string>> createDynamicLink(
       QVDynamicLinkBuilder link);
+
+  /// Asks the service where a short link leads. White space and line breaks at the ends of `link`
+  /// are left out.
+  ///
+  /// Errors: a QuorvaError (invalidURL for a text that is no URL; notInitialized before any
+  /// `initialize`; invalidAPIKey, or invalidResponse while the installation has no identifier), or
+  /// a URLError or DecodingError as it came; a link that the service doesn't know is the URLError
+  /// badServerResponse.
+  [[nodiscard]] static Task<ResolvedLink> resolveDynamicLink(std::string link);
 };
 
 }  // namespace quorva

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -53,6 +54,28 @@ struct ResolvedDeeplinkResponse {
   static constexpr auto codingKeys() {
     return std::tuple{
         platform::CodingKey{"destination_url", &ResolvedDeeplinkResponse::destinationUrl}};
+  }
+};
+
+/// Whether a link was tapped here before the application was installed, and which.
+struct DeferredDeeplinkResponse {
+  std::optional<std::string> originalUrl;
+  std::optional<std::string> destinationUrl;
+  std::optional<std::string> shortUrl;
+  std::optional<std::string> orgId;
+  std::optional<std::map<std::string, std::string>> utmParams;
+  std::optional<bool> matchFound;
+  std::optional<std::string> matchType;
+
+  static constexpr auto codingKeys() {
+    using Self = DeferredDeeplinkResponse;
+    return std::tuple{platform::CodingKey{"original_url", &Self::originalUrl},
+                      platform::CodingKey{"destination_url", &Self::destinationUrl},
+                      platform::CodingKey{"short_url", &Self::shortUrl},
+                      platform::CodingKey{"org_id", &Self::orgId},
+                      platform::CodingKey{"utm_params", &Self::utmParams},
+                      platform::CodingKey{"match_found", &Self::matchFound},
+                      platform::CodingKey{"match_type", &Self::matchType}};
   }
 };
 

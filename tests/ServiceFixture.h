@@ -26,6 +26,7 @@ class ServiceFixture : public testing::Test {
     StorageKeys::apiKey.set(std::nullopt);
     StorageKeys::anonymousId.set(std::nullopt);
     answer("device_ping", Reply::json(200, "{}"));
+    answer("getAnyDeferredDeeplinks", Reply::json(200, "{}"));
     useLocalService(server.port(), caFile);
   }
 

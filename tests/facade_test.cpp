@@ -2,6 +2,8 @@
 
 #include <thread>
 
+#include "QuorvaSDK/QVLogger.h"
+#include "QuorvaSDK/QVNetworkManager.h"
 #include "tests/ServiceFixture.h"
 
 namespace quorva {
@@ -11,6 +13,7 @@ using test::Console;
 using test::drainUntil;
 using test::Reply;
 using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
 
 // Writes down what it's told.
 struct Recorder : QuorvaDelegate {
@@ -19,6 +22,18 @@ struct Recorder : QuorvaDelegate {
     then();
   }
   void quorvaDidFailToInitialize(const Error& error) override { heard.push_back(error.what()); }
+  void quorvaDidResolveDeepLink(const URL& destination, const Metadata& metadata) override {
+    EXPECT_EQ(metadata.size(), 3U);
+    const auto age = std::chrono::system_clock::now() - std::get<Date>(metadata.at("resolvedAt"));
+    EXPECT_TRUE(age >= 0s && age < 20s);
+    heard.push_back((std::get<bool>(metadata.at("isDeferred")) ? "deferred " : "opened ") +
+                    std::get<std::string>(metadata.at("originalURL")) + " -> " +
+                    destination.absoluteString());
+  }
+  void quorvaDidFailToResolveDeepLink(const std::optional<URL>& link, const Error& error) override {
+    heard.push_back((link ? link->absoluteString() : "no link") + ": " + error.what());
+    then();
+  }
 
   Lines heard;
   std::function<void()> then = [] {};
@@ -76,7 +91,6 @@ TEST_F(Facade, FirstInitializationGetsTheIdentifierAndLaterOnesFindIt) {
   EXPECT_EQ(console.waitForLines(4).size(), 4U) << "debugging stays on";
   EXPECT_EQ(sent("retrieveDeviceId").size(), 1U);
   EXPECT_EQ(StorageKeys::apiKey.get(), "other");
-  EXPECT_TRUE(StorageKeys::firstLaunch.get());
 }
 
 TEST_F(Facade, AnEmptyIdentifierIsOneTooAndNothingIsPrintedWithoutDebugging) {
@@ -110,6 +124,7 @@ TEST_F(Facade, ABlankKeyIsLoggedAndChangesOnlyTheDelegate) {
 
 TEST_F(Facade, AFailedIdentityCallIsToldAndTriedAgainNextTime) {
   answer("retrieveDeviceId", Reply::json(401, "{}"));
+  StorageKeys::firstLaunch.set(false);  // nothing else is asked
   Console console;
   Quorva::initialize(QVConfiguration("qk", true, delegate));
   EXPECT_EQ(console.waitForLines(1), Lines{blankKey});
@@ -194,6 +209,141 @@ TEST_F(Facade, BothFormsReportInTheirOwnWords) {
   EXPECT_EQ(console.waitForLines(lines.size()), lines);
 }
 
+TEST_F(Facade, ALinkIsResolvedOnRequest) {
+  const auto resolve = [](const std::string& text) {
+    return outcome(Quorva::resolveDynamicLink(text));
+  };
+  for (const char* text : {"", " \n", "https://go/a b"})
+    EXPECT_EQ(kind(resolve(text).error()), kind(QuorvaError::invalidURL)) << text;
+  EXPECT_EQ(kind(resolve("https://go/x").error()), kind(QuorvaError::notInitialized));
+  store("qk", "device");
+  Console console;
+  Quorva::initialize(QVConfiguration("qk", true, delegate));
+  Lines lines = console.waitForLines(2);
+
+  const std::string about = "[QuorvaSDK] resolveDynamicLink(from:): ";
+  const std::tuple<Reply, std::optional<std::string>> rows[] = {
+      {Reply::json(200, R"({"destination_url":"https://d/1?a=b"})"), "https://d/1?a=b"},
+      {Reply::json(200, R"({"destination_url":"no URL"})"), std::nullopt},
+      {Reply::json(200, R"({"destination_url":""})"), std::nullopt},
+      {Reply::json(200, "{}"), std::nullopt}};
+  for (const auto& [reply, destination] : rows) {
+    answer("resolve", reply);
+    const ResolvedLink resolved = resolve("\thttps://go/x ").value();
+    EXPECT_EQ(resolved.link(), destination ? URL::parse(*destination) : std::nullopt);
+    EXPECT_EQ(resolved.originalURL(), URL::parse("https://go/x"));
+    lines.push_back("[✅ SUCCESS] " + about + "Successfully resolved dynamic link: \thttps://go/x ");
+  }
+  answer("resolve", Reply::json(404, "{}"));
+  EXPECT_EQ(kind(resolve("https://go/x").error()), kind(URLError::Code::badServerResponse));
+  lines.push_back("[❌ ERROR] " + about +
+                  "Failed to resolve dynamic link: There was a bad response from the server.");
+  EXPECT_EQ(console.waitForLines(lines.size()), lines);
+  EXPECT_EQ(delegate->heard, Lines{"did:qk"}) << "the delegate is not involved";
+}
+
+TEST_F(Facade, ALinkThatOpenedTheApplicationReachesTheDelegate) {
+  const URL opened = URL::parse("shop:item?id=1").value();
+  const std::string failed = "shop:item?id=1: Invalid response from server";
+  store(std::nullopt, "device");
+  QVLogger::isConsoleEnabled = true;
+  Console console;
+  Quorva::handleLink(opened);  // nobody is there to be told
+  Lines lines{
+      "[❌ ERROR] [QuorvaSDK] handleLink(_:): Failed to Handle Link - "
+      "Failed to initialize Quorva with a valid API key"};
+  EXPECT_EQ(console.waitForLines(1), lines);
+
+  // The key that it needs is stored only behind it.
+  answer("resolve", Reply::json(200, R"({"destination_url":"https://d/1"})"));
+  Quorva::handleLink(opened);
+  Quorva::initialize(QVConfiguration("qk", true, delegate));
+  lines.insert(lines.end(), {initialized, pinged});
+  EXPECT_EQ(console.waitForLines(3), lines);
+  EXPECT_TRUE(drainUntil([&] { return delegate->heard.size() == 2; }));
+
+  for (const char* unusable : {"{}", R"({"destination_url":"no URL"})"}) {
+    answer("resolve", Reply::json(200, unusable));
+    const std::size_t before = delegate->heard.size();
+    Quorva::handleLink(opened);
+    EXPECT_EQ(delegate->heard.size(), before) << "called inside the call";
+    EXPECT_TRUE(drainUntil([&] { return delegate->heard.size() > before; }));
+  }
+  useLocalService(test::unusedPort(), caFile);
+  delegate->then = [&] { EXPECT_TRUE(console.text().ends_with("the server.\n")) << "log first"; };
+  Quorva::handleLink(opened);
+  lines.push_back(
+      "[❌ ERROR] [QuorvaSDK] handleLink(_:): Failed to Handle Link - "
+      "Could not connect to the server.");
+  EXPECT_TRUE(drainUntil([&] { return delegate->heard.size() == 5; }));
+  EXPECT_EQ(delegate->heard,
+            (Lines{"did:qk", "opened shop:item?id=1 -> https://d/1", failed, failed, failed}));
+  EXPECT_EQ(console.waitForLines(lines.size()), lines);
+}
+
+TEST_F(Facade, TheDeferredLinkArrivesOnceWhateverBecomesOfIt) {
+  const std::string fetchFailed =
+      "[❌ ERROR] [QuorvaSDK] getDeferredDeepLink(): Quorva DeepLink fetch failed: ";
+  const std::tuple<Reply, const char*, const char*> rows[] = {
+      {Reply::json(200, R"({"match_found":true,"destination_url":"https://d","original_url":"o"})"),
+       "deferred o -> https://d", nullptr},
+      {Reply::json(200, R"({"match_found":true,"destination_url":"d"})"), "deferred  -> d",
+       nullptr},
+      {Reply::json(200, R"({"match_found":true,"original_url":"o"})"), nullptr, nullptr},
+      {Reply::json(200, R"({"match_found":true,"destination_url":"no URL"})"), nullptr, nullptr},
+      {Reply::json(200, R"({"match_found":false,"destination_url":"https://d"})"), nullptr,
+       nullptr},
+      {Reply::json(200, R"({"destination_url":"https://d"})"), nullptr, nullptr},
+      {Reply::json(500, R"({"match_found":true,"destination_url":"https://d"})"),
+       "no link: There was a bad response from the server.",
+       "There was a bad response from the server."}};
+  store("qk", "device");
+  for (const auto& [reply, told, logged] : rows) {
+    Console console;
+    answer("getAnyDeferredDeeplinks", reply);
+    StorageKeys::firstLaunch.set(true);
+    const std::size_t asked = sent("getAnyDeferredDeeplinks").size();
+    delegate->heard.clear();
+    delegate->then = [&] {
+      EXPECT_EQ(console.text().find("DeepLink fetch"), std::string::npos) << "the delegate first";
+    };
+    Quorva::initialize(QVConfiguration("qk", true, delegate));
+    Quorva::initialize(QVConfiguration("qk", true, delegate));  // while the question is under way
+    EXPECT_FALSE(StorageKeys::firstLaunch.get());
+    Lines heard{"did:qk", "did:qk"};
+    if (told) heard.emplace_back(told);
+    Lines lines{initialized, initialized, pinged, pinged};
+    if (logged) lines.push_back(fetchFailed + logged);
+    // The ways of the answers differ, and so their order.
+    EXPECT_EQ((std::multiset<std::string>(lines.begin(), lines.end())), [&] {
+      const Lines printed = console.waitForLines(lines.size());
+      return std::multiset<std::string>(printed.begin(), printed.end());
+    }());
+    EXPECT_TRUE(drainUntil([&] {
+      return sent("getAnyDeferredDeeplinks").size() == asked + 1 &&
+             delegate->heard.size() >= heard.size();
+    }));
+    // Whatever else came of the answer would come before this one's.
+    EXPECT_TRUE(outcome(QVNetworkManager::retrieveDeviceId("qk")));
+    EXPECT_EQ(delegate->heard, heard);
+  }
+}
+
+TEST_F(Facade, WithoutAnIdentifierTheQuestionForADeferredLinkIsSpent) {
+  answer("retrieveDeviceId", Reply::json(500, ""));
+  Quorva::initialize(QVConfiguration(" ", false, delegate));
+  Quorva::initialize(QVConfiguration("qk", false, delegate));
+  EXPECT_TRUE(drainUntil([&] { return delegate->heard.size() == 1; }));
+  EXPECT_TRUE(StorageKeys::firstLaunch.get()) << "a failed initialization doesn't count";
+
+  answer("retrieveDeviceId", Reply::json(200, "{}"));
+  Quorva::initialize(QVConfiguration("qk", false, delegate));
+  EXPECT_TRUE(drainUntil([&] { return delegate->heard.size() == 3; }));
+  EXPECT_EQ(delegate->heard.back(), "no link: Invalid response from server");
+  EXPECT_FALSE(StorageKeys::firstLaunch.get());
+  EXPECT_TRUE(sent("getAnyDeferredDeeplinks").empty());
+}
+
 TEST_F(Facade, AThousandCreationsAtOnceEachCompleteOnce) {
   std::vector<int> completions(1000);
   const std::vector<int> once(1000, 1);
@@ -214,10 +364,6 @@ TEST(Constants, AreTheRelease) {
   EXPECT_EQ(QuorvaSDKVersionNumber, 1.0);
   EXPECT_STREQ(reinterpret_cast<const char*>(QuorvaSDKVersionString),
                "@(#)PROGRAM:QuorvaSDK  PROJECT:QuorvaSDK-1\n");
-  // No call goes there yet that would show where they lead.
-  const std::string calls = std::string(QVUrls::baseUrl) + "api/v1/";
-  EXPECT_EQ(QVUrls::deferredDeeplinksUrl, calls + "getAnyDeferredDeeplinks");
-  EXPECT_EQ(QVUrls::resolveUrl, calls + "resolve");
 }
 
 }  // namespace

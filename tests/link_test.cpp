@@ -5,6 +5,7 @@
 #include "QuorvaSDK/Encodable+Extensions.h"
 #include "QuorvaSDK/QVDynamicLinkBuilder.h"
 #include "QuorvaSDK/QVLogger.h"
+#include "QuorvaSDK/ResolvedLink.h"
 #include "QuorvaSDK/StorageKeys.h"
 #include "tests/Support.h"
 
@@ -126,6 +127,21 @@ TEST(Dictionary, IsWhatAnObjectEncodesTo) {
   EXPECT_EQ(toDictionary(JSONValue(JSONValue::Array{})), std::nullopt);
   EXPECT_EQ(toDictionary(JSONValue("text")), std::nullopt);
   EXPECT_EQ(console.text(), "") << "what is no dictionary is no failure";
+}
+
+TEST(Resolved, IsAnObjectOfUpToTwoURLs) {
+  for (const char* json : {"{}", R"({"originalURL":"https:\/\/go"})",
+                           R"({"link":"https:\/\/d?a=b#c","originalURL":"https:\/\/go"})"}) {
+    EXPECT_EQ(*JSONEncoder().encode(*JSONDecoder().decode<ResolvedLink>(json)), json);
+  }
+  const auto kind = [](std::string_view json) {
+    return JSONDecoder().decode<ResolvedLink>(json).error().as<DecodingError>()->kind;
+  };
+  EXPECT_TRUE(JSONDecoder().decode<ResolvedLink>(R"({"link":null,"Link":1})"));
+  EXPECT_EQ(kind(R"({"link":1,"originalURL":"no URL"})"), DecodingError::Kind::typeMismatch);
+  EXPECT_EQ(kind(R"({"originalURL":"no URL"})"), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(kind(R"({"link":""})"), DecodingError::Kind::dataCorrupted);
+  EXPECT_EQ(kind("[]"), DecodingError::Kind::typeMismatch);
 }
 
 }  // namespace

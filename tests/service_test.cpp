@@ -156,6 +156,53 @@ TEST_F(Service, CreateCallChecksItsFieldsBeforeItSendsThem) {
             "The data couldn’t be written because it isn’t in the correct format.");
 }
 
+TEST_F(Service, CallsAboutTappedLinksSayWhoAsksAndGiveWhatIsAnswered) {
+  const auto resolve = [] {
+    const auto url = URL::parse("shop://go.shop.example/a%20b?c=d#e").value();
+    const auto destination = outcome(QVNetworkManager::resolveLink(url));
+    return destination ? destination->value_or("absent") : kind(destination.error());
+  };
+  const auto deferred = [] {
+    const auto answer = outcome(QVNetworkManager::getAnyDeferredDeeplinks());
+    return answer ? platform::serializeJSON(platform::encode(*answer)).value()
+                  : kind(answer.error());
+  };
+  for (const auto call : {+resolve, +deferred}) {
+    store(std::nullopt, std::nullopt);
+    EXPECT_EQ(call(), kind(QuorvaError::invalidAPIKey));
+    store("qk", std::nullopt);
+    EXPECT_EQ(call(), kind(QuorvaError::invalidResponse));
+  }
+  EXPECT_TRUE(server.requests().empty());
+  store("", "device");  // an empty one is sent
+
+  expectOutcomes("resolve", resolve,
+                 {{{200, 299}, R"({"destination_url":"not a URL","more":1})", "not a URL"},
+                  {{200}, R"({"destination_url":null,"destinationUrl":"d"})", "absent"},
+                  {{200}, R"({"destination_url":["d"]})", mismatch},
+                  {{200}, "", corrupted},
+                  {{300, 400, 401, 404, 500}, R"({"destination_url":"d"})", badResponse}});
+  expectRequest(sent("resolve").at(0), {{"api_key", ""},
+                                        {"device_uuid", "device"},
+                                        {"short_url", "shop://go.shop.example/a%20b?c=d#e"}});
+
+  const std::string whole =
+      R"({"original_url":"o","destination_url":"d","short_url":"s","org_id":"i",)"
+      R"("utm_params":{"utm_source":"n"},"match_found":true,"match_type":"t"})";
+  expectOutcomes("getAnyDeferredDeeplinks", deferred,
+                 {{{200, 299}, whole, whole},
+                  {{200}, R"({"more":1,"match_found":null,"utm_params":null})", "{}"},
+                  {{200}, R"({"match_found":"true"})", mismatch},
+                  {{200}, R"({"match_found":1})", mismatch},
+                  {{200}, R"({"utm_params":{"utm_source":"n","utm_term":1}})", mismatch},
+                  {{200}, R"({"org_id":7})", mismatch},
+                  {{200}, "[]", mismatch},
+                  {{200}, "<html>", corrupted},
+                  {{300, 400, 401, 404, 500}, whole, badResponse}});
+  expectRequest(sent("getAnyDeferredDeeplinks").at(0),
+                {{"api_key", ""}, {"device_uuid", "device"}});
+}
+
 TEST_F(Service, PingSendsWhatIsStoredAndSaysHowItWent) {
   QVLogger::isConsoleEnabled = true;
   test::Console console;
