@@ -20,10 +20,10 @@
 namespace localservice {
 namespace {
 
-constexpr const char* kAddress = "127.0.0.1";
+constexpr const char* address = "127.0.0.1";
 
 // A connection occupies a thread while it is kept, and delays the end.
-constexpr int kKeepAliveSeconds = 1;
+constexpr int keepAliveSeconds = 1;
 
 template <auto read, auto destroy>
 auto fromPEM(const std::string& text) {
@@ -49,8 +49,8 @@ void setSocketOptions(socket_t socket) {
 int bind(httplib::Server& server, std::uint16_t port) {
   errno = 0;
   if (port == 0) {
-    if (const int chosen = server.bind_to_any_port(kAddress); chosen > 0) return chosen;
-  } else if (server.bind_to_port(kAddress, port)) {
+    if (const int chosen = server.bind_to_any_port(address); chosen > 0) return chosen;
+  } else if (server.bind_to_port(address, port)) {
     return port;
   }
   throw std::runtime_error("Port " + std::to_string(port) +
@@ -88,7 +88,7 @@ void serve(const Service& service, const Identity& identity, std::uint16_t port,
   httplib::SSLServer server([&](SSL_CTX& context) { return present(context, identity); });
   if (!server.is_valid()) throw std::runtime_error("TLS can't be set up");
   server.set_socket_options(setSocketOptions);
-  server.set_keep_alive_timeout(kKeepAliveSeconds);
+  server.set_keep_alive_timeout(keepAliveSeconds);
   // The service finds the way itself, so httplib has no handlers: it reads each request whole and
   // comes here with 404, or with what else it found wrong.
   server.set_error_handler([&](const httplib::Request& request, httplib::Response& response) {

@@ -13,21 +13,21 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t kLargestBody = std::size_t{1024} * 1024;
-constexpr int kDeepestBody = 16;
+constexpr std::size_t largestBody = std::size_t{1024} * 1024;
+constexpr int deepestBody = 16;
 
 struct Form {
   const char* description;
   bool (*fits)(const json& value);
 };
 
-constexpr Form kText{"text", [](const json& value) { return value.is_string(); }};
-constexpr Form kFilledText{"text that isn't empty", [](const json& value) {
+constexpr Form text{"text", [](const json& value) { return value.is_string(); }};
+constexpr Form filledText{"text that isn't empty", [](const json& value) {
                              return value.is_string() &&
                                     !value.get_ref<const std::string&>().empty();
                            }};
-constexpr Form kObject{"an object", [](const json& value) { return value.is_object(); }};
-constexpr Form kBehavior{"1 or 2", [](const json& value) {
+constexpr Form object{"an object", [](const json& value) { return value.is_object(); }};
+constexpr Form behavior{"1 or 2", [](const json& value) {
                            return value.is_number_integer() && (value == 1 || value == 2);
                          }};
 
@@ -37,28 +37,28 @@ struct Field {
   bool optional = false;
 };
 
-constexpr Field kDeviceFields[] = {{"api_key", kText}, {"data", kObject}, {"ref_id", kText}};
+constexpr Field deviceFields[] = {{"api_key", text}, {"data", object}, {"ref_id", text}};
 
-constexpr Field kPingFields[] = {{"api_key", kFilledText}, {"device_id", kFilledText},
-                                 {"device_info", kObject}, {"platform", kFilledText},
-                                 {"lib", kFilledText},     {"lib_version", kFilledText}};
+constexpr Field pingFields[] = {{"api_key", filledText}, {"device_id", filledText},
+                                 {"device_info", object}, {"platform", filledText},
+                                 {"lib", filledText},     {"lib_version", filledText}};
 
-constexpr Field kLinkFields[] = {{"api_key", kFilledText},
-                                 {"device_id", kFilledText},
-                                 {"android_behavior", kBehavior},
-                                 {"destination_url", kFilledText},
-                                 {"domain", kFilledText},
-                                 {"ios_behavior", kBehavior},
-                                 {"link_name", kText, true},
-                                 {"selected_path", kText, true},
-                                 {"social_description", kText, true},
-                                 {"social_image_url", kText, true},
-                                 {"social_title", kText, true},
-                                 {"utm_source", kText, true},
-                                 {"utm_medium", kText, true},
-                                 {"utm_campaign", kText, true},
-                                 {"utm_content", kText, true},
-                                 {"utm_term", kText, true}};
+constexpr Field linkFields[] = {{"api_key", filledText},
+                                 {"device_id", filledText},
+                                 {"android_behavior", behavior},
+                                 {"destination_url", filledText},
+                                 {"domain", filledText},
+                                 {"ios_behavior", behavior},
+                                 {"link_name", text, true},
+                                 {"selected_path", text, true},
+                                 {"social_description", text, true},
+                                 {"social_image_url", text, true},
+                                 {"social_title", text, true},
+                                 {"utm_source", text, true},
+                                 {"utm_medium", text, true},
+                                 {"utm_campaign", text, true},
+                                 {"utm_content", text, true},
+                                 {"utm_term", text, true}};
 
 std::string inQuotes(std::string_view text) {
   return '"' + std::string(text) + '"';
@@ -117,10 +117,10 @@ struct Endpoint {
   Answer (*handle)(const Service& service, const json& request);
 };
 
-constexpr Endpoint kEndpoints[] = {
-    {"/app/api/v1/retrieveDeviceId", kDeviceFields, false, retrieveDeviceId},
-    {"/app/api/v1/device_ping", kPingFields, true, pingDevice},
-    {"/app/api/v1/create_link", kLinkFields, true, createLink},
+constexpr Endpoint endpoints[] = {
+    {"/app/api/v1/retrieveDeviceId", deviceFields, false, retrieveDeviceId},
+    {"/app/api/v1/device_ping", pingFields, true, pingDevice},
+    {"/app/api/v1/create_link", linkFields, true, createLink},
 };
 
 // No object, either, if it is nested so deep that writing it down would take a stack without end.
@@ -129,7 +129,7 @@ json parse(std::string_view body) {
   return json::parse(
       body,
       [&](int depth, json::parse_event_t, const json&) {
-        return flat = flat && depth <= kDeepestBody;
+        return flat = flat && depth <= deepestBody;
       },
       false);
 }
@@ -152,12 +152,12 @@ bool isRefused(const Service& service, const std::string& key) {
 
 Answer grantOrRefuse(const Service& service, std::string_view method, std::string_view path,
                      std::string_view body) {
-  const auto* endpoint = std::ranges::find(kEndpoints, path, &Endpoint::path);
-  if (endpoint == std::end(kEndpoints)) {
+  const auto* endpoint = std::ranges::find(endpoints, path, &Endpoint::path);
+  if (endpoint == std::end(endpoints)) {
     return refusal(404, "There is nothing at " + std::string(path));
   }
   if (method != "POST") return refusal(405, "Only POST is allowed here");
-  if (body.size() > kLargestBody) return refusal(413, "The body is larger than 1 MiB");
+  if (body.size() > largestBody) return refusal(413, "The body is larger than 1 MiB");
 
   const json request = parse(body);
   if (!request.is_object()) return refusal(400, "The body must be a JSON object, and a flat one");

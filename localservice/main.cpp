@@ -26,7 +26,7 @@
 
 namespace {
 
-constexpr const char* kUsage =
+constexpr const char* usage =
     R"(Usage: quorva-localservice --directory DIR [--port N] [--host NAME] [--refuse-key KEY]...
 
 Serves short links over HTTPS on 127.0.0.1, to develop and test against, until SIGINT or SIGTERM.
@@ -39,7 +39,7 @@ Serves short links over HTTPS on 127.0.0.1, to develop and test against, until S
   --help             print this and end
 )";
 
-constexpr int kBadArgumentsStatus = 2;
+constexpr int badArgumentsStatus = 2;
 
 struct BadArguments : std::runtime_error {
   using std::runtime_error::runtime_error;
@@ -112,14 +112,14 @@ int main(int count, char** values) {
   const std::span words = std::span(values, static_cast<std::size_t>(count)).subspan(1);
   try {
     if (std::ranges::find(words, std::string_view("--help")) != words.end()) {
-      std::fputs(kUsage, stdout);
+      std::fputs(usage, stdout);
     } else {
       run(parse(words), endSignals);
     }
     return EXIT_SUCCESS;
   } catch (const BadArguments& error) {
     std::fprintf(stderr, "quorva-localservice: %s; see --help\n", error.what());
-    return kBadArgumentsStatus;
+    return badArgumentsStatus;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "quorva-localservice: %s\n", error.what());
     return EXIT_FAILURE;
