@@ -1,5 +1,5 @@
-// HTTPS on this machine: hands each request to the service, and prints a line about it to the
-// standard output, never with an API key.
+// The service on this machine: HTTPS for the library, plain HTTP for browsers that open links.
+// Prints a line about each request to the standard output, never with an API key.
 
 #pragma once
 
@@ -11,10 +11,16 @@
 
 namespace localservice {
 
-/// Listens on 127.0.0.1, on any free port if `port` is 0, with threads of its own while `meanwhile`
-/// runs, which is given the port. Then it stops, once the requests under way are answered. Throws
-/// std::runtime_error with one readable line if it can't listen.
-void serve(const Service& service, const Identity& identity, std::uint16_t port,
-           const std::function<void(int port)>& meanwhile);
+/// 0 stands for any that is free.
+struct Ports {
+  std::uint16_t https = 0;
+  std::uint16_t http = 0;
+};
+
+/// Listens on 127.0.0.1, with threads of its own, while `meanwhile` runs, which is given the ports.
+/// Then it stops, once the requests under way are answered. Throws std::runtime_error with one
+/// readable line if it can't listen.
+void serve(const Service& service, const Identity& identity, Ports wanted,
+           const std::function<void(Ports bound)>& meanwhile);
 
 }  // namespace localservice

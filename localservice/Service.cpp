@@ -1,5 +1,7 @@
 #include "localservice/Service.h"
 
+#include "localservice/ShortLink.h"
+
 #include <algorithm>
 #include <exception>
 #include <iterator>
@@ -21,15 +23,15 @@ struct Form {
   bool (*fits)(const json& value);
 };
 
-constexpr Form text{"text", [](const json& value) { return value.is_string(); }};
+constexpr Form anyText{"text", [](const json& value) { return value.is_string(); }};
 constexpr Form filledText{"text that isn't empty", [](const json& value) {
-                             return value.is_string() &&
-                                    !value.get_ref<const std::string&>().empty();
-                           }};
-constexpr Form object{"an object", [](const json& value) { return value.is_object(); }};
+                            return value.is_string() &&
+                                   !value.get_ref<const std::string&>().empty();
+                          }};
+constexpr Form anyObject{"an object", [](const json& value) { return value.is_object(); }};
 constexpr Form behavior{"1 or 2", [](const json& value) {
-                           return value.is_number_integer() && (value == 1 || value == 2);
-                         }};
+                          return value.is_number_integer() && (value == 1 || value == 2);
+                        }};
 
 struct Field {
   const char* name;
@@ -37,28 +39,40 @@ struct Field {
   bool optional = false;
 };
 
-constexpr Field deviceFields[] = {{"api_key", text}, {"data", object}, {"ref_id", text}};
+constexpr Field deviceFields[] = {{"api_key", anyText}, {"data", anyObject}, {"ref_id", anyText}};
 
-constexpr Field pingFields[] = {{"api_key", filledText}, {"device_id", filledText},
-                                 {"device_info", object}, {"platform", filledText},
-                                 {"lib", filledText},     {"lib_version", filledText}};
+constexpr Field pingFields[] = {{"api_key", filledText},    {"device_id", filledText},
+                                {"device_info", anyObject}, {"platform", filledText},
+                                {"lib", filledText},        {"lib_version", filledText}};
 
 constexpr Field linkFields[] = {{"api_key", filledText},
-                                 {"device_id", filledText},
-                                 {"android_behavior", behavior},
-                                 {"destination_url", filledText},
-                                 {"domain", filledText},
-                                 {"ios_behavior", behavior},
-                                 {"link_name", text, true},
-                                 {"selected_path", text, true},
-                                 {"social_description", text, true},
-                                 {"social_image_url", text, true},
-                                 {"social_title", text, true},
-                                 {"utm_source", text, true},
-                                 {"utm_medium", text, true},
-                                 {"utm_campaign", text, true},
-                                 {"utm_content", text, true},
-                                 {"utm_term", text, true}};
+                                {"device_id", filledText},
+                                {"android_behavior", behavior},
+                                {"destination_url", filledText},
+                                {"domain", filledText},
+                                {"ios_behavior", behavior},
+                                {"link_name", anyText, true},
+                                {"selected_path", anyText, true},
+                                {"social_description", anyText, true},
+                                {"social_image_url", anyText, true},
+                                {"social_title", anyText, true},
+                                {"utm_source", anyText, true},
+                                {"utm_medium", anyText, true},
+                                {"utm_campaign", anyText, true},
+                                {"utm_content", anyText, true},
+                                {"utm_term", anyText, true}};
+
+constexpr Field resolveFields[] = {
+    {"api_key", filledText}, {"device_uuid", filledText}, {"short_url", filledText}};
+
+constexpr Field deferredFields[] = {{"api_key", filledText}, {"device_uuid", filledText}};
+
+// A request that is in order.
+struct Call {
+  const Service& service;
+  const json& body;
+  std::string_view address;
+};
 
 std::string inQuotes(std::string_view text) {
   return '"' + std::string(text) + '"';
@@ -82,45 +96,75 @@ std::string randomPath() {
   return randomText(8, "abcdefghijklmnopqrstuvwxyz0123456789");
 }
 
-Answer retrieveDeviceId(const Service& service, const json& request) {
-  const Device device{randomUUID(), request["api_key"], request["data"].dump()};
-  service.store.add(device);
+Answer retrieveDeviceId(const Call& call) {
+  const Device device{randomUUID(), call.body["api_key"], call.body["data"].dump()};
+  call.service.store.add(device);
   return {200, {{"uuid", device.id}, {"status", "ok"}}};
 }
 
-Answer pingDevice(const Service&, const json&) {
+Answer pingDevice(const Call&) {
   return {200, {{"status", "ok"}}};
 }
 
-Answer createLink(const Service& service, const json& request) {
-  json description = request;
+Answer createLink(const Call& call) {
+  Store& store = call.service.store;
+  json description = call.body;
   description.erase("api_key");
-  Link link{request["domain"], request.value("selected_path", ""), request["device_id"],
+  Link link{call.body["domain"], call.body.value("selected_path", ""), call.body["device_id"],
             description.dump()};
-  if (link.path.empty()) {
-    do {
-      link.path = randomPath();
-    } while (!service.store.add(link));
-  } else if (!service.store.add(link)) {
+  const bool isChosen = !link.path.empty();
+  if (!isChosen) link.path = randomPath();
+
+  const ShortLink parts{link.domain, link.path, ""};
+  const auto shortURL = write(parts);
+  if (!shortURL || read(*shortURL) != parts) {
+    return refusal(400, "No link can be made of the domain " + inQuotes(link.domain) +
+                            " and the path " + inQuotes(link.path));
+  }
+  if (!store.add(link)) {
+    if (!isChosen) return createLink(call);
     return refusal(400, "The path " + inQuotes(link.path) + " already exists on " + link.domain);
   }
   return {201,
-          {{"status", "created"},
-           {"message", "The link was created"},
-           {"short_url", "https://" + link.domain + "/" + link.path}}};
+          {{"status", "created"}, {"message", "The link was created"}, {"short_url", *shortURL}}};
+}
+
+Answer resolveLink(const Call& call) {
+  const std::string& url = call.body["short_url"].get_ref<const std::string&>();
+  const auto named = read(url);
+  const auto link = named ? call.service.store.findLink(named->domain, named->path) : std::nullopt;
+  if (!link) return refusal(404, "There is no link " + inQuotes(url));
+  return {200, {{"destination_url", json::parse(link->description).at("destination_url")}}};
+}
+
+Answer findDeferredLink(const Call& call) {
+  Store& store = call.service.store;
+  const auto tap = store.claimTap(std::string(call.address), call.body["device_uuid"]);
+  const auto link = tap ? store.findLink(tap->domain, tap->path) : std::nullopt;
+  if (!link) return {200, {{"match_found", false}}};
+  const json description = json::parse(link->description);
+  return {200,
+          {{"match_found", true},
+           {"match_type", "network_address"},
+           {"destination_url", description.at("destination_url")},
+           {"original_url", tap->url},
+           {"short_url", write({link->domain, link->path, ""}).value_or("")},
+           {"utm_params", campaign(description)}}};
 }
 
 struct Endpoint {
   std::string_view path;
   std::span<const Field> fields;
-  bool fromDevice;
-  Answer (*handle)(const Service& service, const json& request);
+  const char* deviceField;  // names the device that calls; null if it has no name yet
+  Answer (*handle)(const Call& call);
 };
 
 constexpr Endpoint endpoints[] = {
-    {"/app/api/v1/retrieveDeviceId", deviceFields, false, retrieveDeviceId},
-    {"/app/api/v1/device_ping", pingFields, true, pingDevice},
-    {"/app/api/v1/create_link", linkFields, true, createLink},
+    {"/app/api/v1/retrieveDeviceId", deviceFields, nullptr, retrieveDeviceId},
+    {"/app/api/v1/device_ping", pingFields, "device_id", pingDevice},
+    {"/app/api/v1/create_link", linkFields, "device_id", createLink},
+    {"/app/api/v1/resolve", resolveFields, "device_uuid", resolveLink},
+    {"/app/api/v1/getAnyDeferredDeeplinks", deferredFields, "device_uuid", findDeferredLink},
 };
 
 // No object, either, if it is nested so deep that writing it down would take a stack without end.
@@ -150,33 +194,32 @@ bool isRefused(const Service& service, const std::string& key) {
   return key.find_first_not_of(" \t\r\n") == std::string::npos || service.refusedKeys.contains(key);
 }
 
-Answer grantOrRefuse(const Service& service, std::string_view method, std::string_view path,
-                     std::string_view body) {
-  const auto* endpoint = std::ranges::find(endpoints, path, &Endpoint::path);
+Answer grantOrRefuse(const Service& service, const Request& request) {
+  const auto* endpoint = std::ranges::find(endpoints, request.path, &Endpoint::path);
   if (endpoint == std::end(endpoints)) {
-    return refusal(404, "There is nothing at " + std::string(path));
+    return refusal(404, "There is nothing at " + std::string(request.path));
   }
-  if (method != "POST") return refusal(405, "Only POST is allowed here");
-  if (body.size() > largestBody) return refusal(413, "The body is larger than 1 MiB");
+  if (request.method != "POST") return refusal(405, "Only POST is allowed here");
+  if (request.body.size() > largestBody) return refusal(413, "The body is larger than 1 MiB");
 
-  const json request = parse(body);
-  if (!request.is_object()) return refusal(400, "The body must be a JSON object, and a flat one");
-  if (const std::string detail = fault(request, endpoint->fields); !detail.empty()) {
+  const json body = parse(request.body);
+  if (!body.is_object()) return refusal(400, "The body must be a JSON object, and a flat one");
+  if (const std::string detail = fault(body, endpoint->fields); !detail.empty()) {
     return refusal(400, detail);
   }
-  if (isRefused(service, request["api_key"])) return refusal(401, "The API key was refused");
-  if (endpoint->fromDevice && !service.store.touch(request["device_id"], request["api_key"])) {
-    return refusal(400, "No device has this \"device_id\" and \"api_key\"");
+  if (isRefused(service, body["api_key"])) return refusal(401, "The API key was refused");
+  if (const char* device = endpoint->deviceField;
+      device && !service.store.touch(body[device], body["api_key"])) {
+    return refusal(400, "No device has this " + inQuotes(device) + " and \"api_key\"");
   }
-  return endpoint->handle(service, request);
+  return endpoint->handle({service, body, request.address});
 }
 
 }  // namespace
 
-Answer answer(const Service& service, std::string_view method, std::string_view path,
-              std::string_view body) {
+Answer answer(const Service& service, const Request& request) {
   try {
-    return grantOrRefuse(service, method, path, body);
+    return grantOrRefuse(service, request);
   } catch (const std::exception& error) {
     return refusal(500, error.what());
   }

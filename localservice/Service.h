@@ -1,4 +1,4 @@
-// What the local service answers to a request.
+// What the local service answers to a request of the library.
 //
 // Any thread. What fails on the way is no exception but an answer with the status 500.
 
@@ -16,6 +16,14 @@ namespace localservice {
 struct Service {
   Store& store;  // outlives the service
   std::set<std::string> refusedKeys;
+  std::string appScheme;  // of links that open the application; empty if there are none
+};
+
+struct Request {
+  std::string_view method;
+  std::string_view path;
+  std::string_view body;
+  std::string_view address;  // the network address it comes from
 };
 
 struct Answer {
@@ -23,8 +31,7 @@ struct Answer {
   nlohmann::json body;
 };
 
-[[nodiscard]] Answer answer(const Service& service, std::string_view method, std::string_view path,
-                            std::string_view body);
+[[nodiscard]] Answer answer(const Service& service, const Request& request);
 
 /// The answer to a request that isn't granted; `detail` tells a person why.
 [[nodiscard]] Answer refusal(int status, const std::string& detail);

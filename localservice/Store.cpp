@@ -5,8 +5,10 @@
 namespace localservice {
 namespace {
 
-constexpr const char* kSetUp = R"(
+constexpr const char* setUp = R"(
   PRAGMA foreign_keys = ON;
+  PRAGMA journal_mode = WAL;
+  PRAGMA synchronous = NORMAL;
   CREATE TABLE IF NOT EXISTS device(
     id TEXT PRIMARY KEY,
     api_key TEXT NOT NULL,
@@ -21,9 +23,19 @@ constexpr const char* kSetUp = R"(
     created INTEGER NOT NULL DEFAULT (unixepoch()),
     PRIMARY KEY(domain, path)
   );
+  CREATE TABLE IF NOT EXISTS tap(
+    id INTEGER PRIMARY KEY,
+    domain TEXT NOT NULL COLLATE NOCASE,
+    path TEXT NOT NULL,
+    url TEXT NOT NULL,
+    address TEXT NOT NULL,
+    device TEXT REFERENCES device,
+    created INTEGER NOT NULL DEFAULT (unixepoch()),
+    FOREIGN KEY(domain, path) REFERENCES link
+  );
 )";
 
-constexpr int kBusyMilliseconds = 5000;
+constexpr int busyMilliseconds = 5000;
 
 }  // namespace
 
@@ -32,30 +44,56 @@ Store::Store(const std::filesystem::path& file) : file_(file.string()) {
   const int opened = sqlite3_open(file_.c_str(), &database);
   database_.reset(database);
   require(opened);
-  require(sqlite3_busy_timeout(database, kBusyMilliseconds));
+  require(sqlite3_busy_timeout(database, busyMilliseconds));
   // Only now SQLite reads the file and finds out whether it's a database.
-  require(sqlite3_exec(database, kSetUp, nullptr, nullptr, nullptr));
+  require(sqlite3_exec(database, setUp, nullptr, nullptr, nullptr));
 }
 
 void Store::add(const Device& device) {
-  change("INSERT INTO device(id, api_key, description) VALUES(?, ?, ?)",
-         {device.id, device.apiKey, device.description});
+  run("INSERT INTO device(id, api_key, description) VALUES(?, ?, ?)",
+      {device.id, device.apiKey, device.description});
 }
 
 bool Store::touch(const std::string& deviceId, const std::string& apiKey) {
-  return change("UPDATE device SET last_seen = unixepoch() WHERE id = ? AND api_key = ?",
-                {deviceId, apiKey});
+  return !run("UPDATE device SET last_seen = unixepoch() WHERE id = ? AND api_key = ? RETURNING id",
+              {deviceId, apiKey})
+              .empty();
 }
 
 bool Store::add(const Link& link) {
-  return change(
-      "INSERT INTO link(domain, path, device, description) VALUES(?, ?, ?, ?) "
-      "ON CONFLICT(domain, path) DO NOTHING",
-      {link.domain, link.path, link.deviceId, link.description});
+  return !run("INSERT INTO link(domain, path, device, description) VALUES(?, ?, ?, ?) "
+              "ON CONFLICT(domain, path) DO NOTHING RETURNING path",
+              {link.domain, link.path, link.deviceId, link.description})
+              .empty();
 }
 
-// Whether the statement changed anything.
-bool Store::change(std::string_view sql, std::initializer_list<std::string_view> values) {
+std::optional<Link> Store::findLink(const std::string& domain, const std::string& path) {
+  const auto rows =
+      run("SELECT domain, path, device, description FROM link WHERE domain = ? AND path = ?",
+          {domain, path});
+  if (rows.empty()) return std::nullopt;
+  return Link{rows[0][0], rows[0][1], rows[0][2], rows[0][3]};
+}
+
+void Store::add(const Tap& tap) {
+  run("INSERT INTO tap(domain, path, url, address) VALUES(?, ?, ?, ?)",
+      {tap.domain, tap.path, tap.url, tap.address});
+}
+
+std::optional<Tap> Store::claimTap(const std::string& address, const std::string& deviceId) {
+  const auto rows =
+      run("UPDATE tap SET device = ? WHERE id = ("
+          "  SELECT max(id) FROM tap"
+          "  WHERE address = ? AND device IS NULL AND created > unixepoch() - 3600"
+          ") RETURNING domain, path, url, address",
+          {deviceId, address});
+  if (rows.empty()) return std::nullopt;
+  return Tap{rows[0][0], rows[0][1], rows[0][2], rows[0][3]};
+}
+
+// What the statement gives, all of it text.
+std::vector<Store::Row> Store::run(std::string_view sql,
+                                   std::initializer_list<std::string_view> values) {
   const std::scoped_lock turn(mutex_);
   sqlite3_stmt* prepared = nullptr;
   require(sqlite3_prepare_v2(database_.get(), sql.data(), static_cast<int>(sql.size()), &prepared,
@@ -67,9 +105,16 @@ bool Store::change(std::string_view sql, std::initializer_list<std::string_view>
     require(sqlite3_bind_text64(prepared, ++position, value.data(), value.size(), SQLITE_STATIC,
                                 SQLITE_UTF8));
   }
-  sqlite3_step(prepared);
+  std::vector<Row> rows;
+  while (sqlite3_step(prepared) == SQLITE_ROW) {
+    Row& row = rows.emplace_back();
+    for (int column = 0; column < sqlite3_column_count(prepared); ++column) {
+      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(prepared, column));
+      row.emplace_back(text, static_cast<std::size_t>(sqlite3_column_bytes(prepared, column)));
+    }
+  }
   require(sqlite3_reset(prepared));  // which tells of the step's failure, too
-  return sqlite3_changes(database_.get()) > 0;
+  return rows;
 }
 
 void Store::require(int result) const {

@@ -1,8 +1,8 @@
-// What the local service remembers, in a SQLite file: the devices it gave an id to and the links
-// they created.
+// What the local service remembers, in a SQLite file: the devices it gave an id to, the links they
+// created, and where those were tapped.
 //
-// Any thread: calls take turns. What a call changed is on the disk when it returns. A file that
-// can't be opened, read or written throws std::runtime_error with one readable line.
+// Any thread: calls take turns. What a call changed outlives the process, however that ends. A file
+// that can't be opened, read or written throws std::runtime_error with one readable line.
 
 #pragma once
 
@@ -12,8 +12,10 @@
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace localservice {
 
@@ -30,6 +32,13 @@ struct Link {
   std::string description;  // JSON
 };
 
+struct Tap {
+  std::string domain;  // as the link's
+  std::string path;
+  std::string url;      // as it was tapped
+  std::string address;  // where from
+};
+
 class Store {
  public:
   /// Opens `file`, made if there is none.
@@ -43,8 +52,19 @@ class Store {
   /// False if the link's domain, in whichever case, has the path already.
   [[nodiscard]] bool add(const Link& link);
 
+  [[nodiscard]] std::optional<Link> findLink(const std::string& domain, const std::string& path);
+
+  /// Notes that the link was tapped now.
+  void add(const Tap& tap);
+
+  /// The newest tap from the address within the last hour that no device has claimed, which is the
+  /// device's from now on.
+  [[nodiscard]] std::optional<Tap> claimTap(const std::string& address,
+                                            const std::string& deviceId);
+
  private:
-  bool change(std::string_view sql, std::initializer_list<std::string_view> values);
+  using Row = std::vector<std::string>;
+  std::vector<Row> run(std::string_view sql, std::initializer_list<std::string_view> values);
   void require(int result) const;
 
   std::string file_;

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <regex>
 #include <set>
 #include <span>
 #include <stdexcept>
@@ -27,14 +28,18 @@
 namespace {
 
 constexpr const char* usage =
-    R"(Usage: quorva-localservice --directory DIR [--port N] [--host NAME] [--refuse-key KEY]...
+    R"(Usage: quorva-localservice --directory DIR [--port N] [--http-port N] [--host NAME]
+                           [--app-scheme NAME] [--refuse-key KEY]...
 
-Serves short links over HTTPS on 127.0.0.1, to develop and test against, until SIGINT or SIGTERM.
+Serves short links on 127.0.0.1, to develop and test against, until SIGINT or SIGTERM: to the
+library over HTTPS, and to browsers that open a link over plain HTTP.
 
-  --directory DIR    where the devices, the links and the certificate authority are kept
-  --port N           the port to listen on; one that is free if not given
+  --directory DIR    where the devices, the links, their taps and the certificate authority are kept
+  --port N           the port for the library; one that is free if not given
+  --http-port N      the port for browsers; one that is free if not given
   --host NAME        the host the certificate is for besides localhost and 127.0.0.1,
                      )" QUORVA_SERVICE_HOST R"( if not given
+  --app-scheme NAME  the scheme of links that open the application; if given, pages offer one
   --refuse-key KEY   an API key to refuse; may be given more than once
   --help             print this and end
 )";
@@ -47,26 +52,37 @@ struct BadArguments : std::runtime_error {
 
 struct Arguments {
   std::filesystem::path directory;
-  std::uint16_t port = 0;
+  localservice::Ports ports;
   std::string host = QUORVA_SERVICE_HOST;
+  std::string appScheme;
   std::set<std::string> refusedKeys;
 };
 
-std::uint16_t parsePort(std::string_view text) {
+std::uint16_t parsePort(std::string_view option, std::string_view text) {
   std::uint16_t port = 0;
   const auto [end, error] = std::from_chars(text.begin(), text.end(), port);
   if (error != std::errc() || end != text.end()) {
-    throw BadArguments("--port must be a number from 0 to 65535");
+    throw BadArguments(std::string(option) + " must be a number from 0 to 65535");
   }
   return port;
+}
+
+std::string parseScheme(const std::string& text) {
+  if (!std::regex_match(text, std::regex("[A-Za-z][-+.A-Za-z0-9]*"))) {
+    throw BadArguments("--app-scheme must be a URL's scheme, without a colon");
+  }
+  return text;
 }
 
 Arguments parse(std::span<char*> words) {
   Arguments arguments;
   const std::map<std::string_view, std::function<void(const char*)>> options{
       {"--directory", [&](const char* value) { arguments.directory = value; }},
-      {"--port", [&](const char* value) { arguments.port = parsePort(value); }},
+      {"--port", [&](const char* value) { arguments.ports.https = parsePort("--port", value); }},
+      {"--http-port",
+       [&](const char* value) { arguments.ports.http = parsePort("--http-port", value); }},
       {"--host", [&](const char* value) { arguments.host = value; }},
+      {"--app-scheme", [&](const char* value) { arguments.appScheme = parseScheme(value); }},
       {"--refuse-key", [&](const char* value) { arguments.refusedKeys.insert(value); }}};
   for (; !words.empty(); words = words.subspan(2)) {
     const auto option = options.find(words[0]);
@@ -86,12 +102,15 @@ void run(Arguments arguments, const sigset_t& endSignals) {
   }
   localservice::Store store(arguments.directory / "service.sqlite");
   const auto authority = localservice::CertificateAuthority::openOrCreate(arguments.directory);
+  const localservice::Service service{store, std::move(arguments.refusedKeys),
+                                      std::move(arguments.appScheme)};
   localservice::serve(
-      {store, std::move(arguments.refusedKeys)},
-      authority.issue({"localhost", "127.0.0.1", arguments.host}), arguments.port, [&](int port) {
+      service, authority.issue({"localhost", "127.0.0.1", arguments.host}), arguments.ports,
+      [&](localservice::Ports bound) {
         std::printf(
-            "quorva-localservice listening on https://127.0.0.1:%d (certificate authority: %s)\n",
-            port, (arguments.directory / "ca.pem").c_str());
+            "quorva-localservice listening on https://127.0.0.1:%d (certificate authority: %s)\n"
+            "Open links at http://127.0.0.1:%d/DOMAIN/PATH\n",
+            bound.https, (arguments.directory / "ca.pem").c_str(), bound.http);
         std::fflush(stdout);
         int signal = 0;
         sigwait(&endSignals, &signal);
