@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <optional>
 
 #include "platform/Text.h"
 
@@ -46,11 +47,9 @@ JSONValue::Number number(std::string_view token) {
   return JSONValue::Number{std::string(token)};
 }
 
-// `Source` is simdjson's document or a value in it: the same calls, but no common type. It reads
-// lazily, so everything is looked at here, or it would not be checked. Its exceptions end in
-// parseJSON.
-template <class Source>
-JSONValue read(Source&& source, int depth) {
+// simdjson reads lazily, so everything is looked at here, or it would not be checked. Its
+// exceptions end in parseJSON.
+JSONValue read(ondemand::value source, int depth) {
   const ondemand::json_type type = source.type().value();
   const bool isContainer =
       type == ondemand::json_type::object || type == ondemand::json_type::array;
@@ -169,15 +168,22 @@ const JSONValue* JSONValue::find(std::string_view key) const noexcept {
 
 Result<JSONValue> parseJSON(std::string_view text) {
   try {
-    const simdjson::padded_string padded(text);
+    // Read as the one element of an array: where a literal stands alone, simdjson takes "falsey"
+    // for one, and "null " for none.
+    std::string array;
+    array.reserve(text.size() + 2 + simdjson::SIMDJSON_PADDING);
+    array.append("[").append(text).append("]");
     ondemand::parser parser;
-    ondemand::document document = parser.iterate(padded).value();
-    if (document.type().value() == ondemand::json_type::number) return JSONValue(number(text));
-    JSONValue value = read(document, 1);
-    if (document.current_location().error() != simdjson::OUT_OF_BOUNDS) {
+    ondemand::document document = parser.iterate(array).value();
+    std::optional<JSONValue> value;
+    for (auto element : document.get_array()) {
+      if (value) throw simdjson::simdjson_error(simdjson::TRAILING_CONTENT);
+      value = read(element.value(), 1);
+    }
+    if (!value || document.current_location().error() != simdjson::OUT_OF_BOUNDS) {
       throw simdjson::simdjson_error(simdjson::TRAILING_CONTENT);
     }
-    return value;
+    return *std::move(value);
   } catch (const simdjson::simdjson_error&) {
     return DecodingError(DecodingError::Kind::dataCorrupted);
   }

@@ -86,6 +86,14 @@ TEST(JSON, DecodesToTheValueOrTheRightError) {
   }
 }
 
+TEST(JSON, ReadsOneValueWhateverItIsAndNothingBehindIt) {
+  for (const char* text : {"null \n", "\ttrue", " false ", "-1.5e3 ", "\"a\" ", "[ ] ", "{}"})
+    EXPECT_TRUE(parseJSON(text)) << text;
+  for (const char* text :
+       {"", " ", "null9 ", "falsey", "true1", "1,2", "1]", "]1[", "[1]x[2", "[1] 2"})
+    EXPECT_FALSE(parseJSON(text)) << text;
+}
+
 TEST(JSON, BoundsItsDepth) {
   const auto nested = [](std::size_t depth) {
     return std::string(depth, '[') + std::string(depth, ']');
