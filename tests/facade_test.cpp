@@ -344,6 +344,42 @@ TEST_F(Facade, WithoutAnIdentifierTheQuestionForADeferredLinkIsSpent) {
   EXPECT_TRUE(sent("getAnyDeferredDeeplinks").empty());
 }
 
+TEST_F(Facade, NeitherKeyNorIdentifierIsEverSpoken) {
+  store("Secret-key", "Secret-id");
+  Console console;
+  std::string spoken;
+  const auto speak = [&](const Error& error) {
+    const auto* wire = error.as<URLError>();
+    spoken += error.what() + error.localizedDescription() + (wire ? wire->underlying : "");
+  };
+  const URL opened = URL::parse("https://go/x").value();
+  const Reply replies[] = {Reply::json(200, R"({"uuid":"Secret-id"})"),
+                           Reply::json(200, "no JSON"),
+                           Reply::json(200, R"({"short_url":1,"destination_url":1,"uuid":1})"),
+                           Reply::json(400, R"({"detail":"Secret-key already exists"})"),
+                           Reply::json(401, "{}"),
+                           Reply{"no HTTP", Reply::Then::close}};
+  for (const auto& reply : replies) {
+    for (const char* path :
+         {"retrieveDeviceId", "device_ping", "create_link", "resolve", "getAnyDeferredDeeplinks"})
+      answer(path, reply);
+    StorageKeys::firstLaunch.set(true);
+    Quorva::initialize(QVConfiguration("Secret-key", true, delegate));
+    Quorva::handleLink(opened);
+    if (const auto created = outcome(Quorva::createDynamicLink(link)); !created)
+      speak(created.error());
+    if (const auto resolved = outcome(Quorva::resolveDynamicLink("https://go/x")); !resolved)
+      speak(resolved.error());
+    if (const auto named = outcome(QVNetworkManager::retrieveDeviceId("Secret-key")); !named)
+      speak(named.error());
+  }
+  EXPECT_GE(console.waitForLines(24).size(), 24U);
+  for (const auto& line : delegate->heard)
+    if (!line.starts_with("did:")) spoken += line;
+  EXPECT_GT(spoken.size(), 500U);
+  EXPECT_EQ((spoken + console.text()).find("Secret"), std::string::npos);
+}
+
 TEST_F(Facade, AThousandCreationsAtOnceEachCompleteOnce) {
   std::vector<int> completions(1000);
   const std::vector<int> once(1000, 1);

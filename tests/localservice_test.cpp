@@ -252,10 +252,17 @@ struct ServiceProgram : Program {
   std::future<std::string> log = std::async([this] { return rest(); });
 };
 
+// A connection to `port` of an address of this machine; -1 if nobody listens there.
+int connected(std::uint16_t port, in_addr_t machine = INADDR_LOOPBACK) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{AF_INET, htons(port), {htonl(machine)}, {}};
+  if (connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return socket;
+  close(socket);
+  return -1;
+}
+
 int openLink(std::uint16_t port, const std::string& target) {
-  const int browser = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-  EXPECT_EQ(connect(browser, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const int browser = connected(port);
   const std::string request =
       "GET " + target + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n";
   EXPECT_EQ(send(browser, request.data(), request.size(), 0), ssize_t(request.size()));
@@ -279,6 +286,8 @@ TEST_F(LocalService, StandsAThousandRequestsOfEachKindAtOnce) {
   ServiceProgram program(directory.path(), " --host service.example");
   URLSession::route("service.example", {program.https, program.caFile});
 
+  for (const std::uint16_t port : {program.https, program.http})
+    EXPECT_EQ(connected(port, INADDR_LOOPBACK + 1), -1) << "127.0.0.1 is the only address";
   std::map<int, int> statuses;
   std::vector<int> browsers;
   for (int i = 0; i < 1000; ++i) {
