@@ -20,8 +20,8 @@ struct QVConfiguration;
 using Metadata = std::map<std::string, std::variant<bool, std::string, Date>>;
 
 /// The host's side of the library: override what you care about. Every call is made on the
-/// application's thread; an exception that leaves one goes on to whoever
-/// emptied the queue, or called `Quorva::initialize`.
+/// application's thread; an exception that leaves one goes on to whoever emptied the queue, or
+/// called `Quorva::initialize`, and the library does all the same what it does behind the call.
 class QUORVA_EXPORT QuorvaDelegate {
  public:
   QuorvaDelegate() = default;

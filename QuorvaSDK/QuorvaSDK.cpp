@@ -33,6 +33,18 @@ void tellDelegate(void (QuorvaDelegate::*callback)(Parameters...), const Argumen
   if (delegate) (*delegate.*callback)(arguments...);
 }
 
+// Has the host do `first`, and then does `rest`, even if the host throws.
+template <class First, class Rest>
+void inTurn(const First& first, const Rest& rest) {
+  try {
+    first();
+  } catch (...) {
+    rest();
+    throw;
+  }
+  rest();
+}
+
 Metadata metadata(bool isDeferred, std::string originalURL) {
   return {{"isDeferred", isDeferred},
           {"originalURL", std::move(originalURL)},
@@ -49,10 +61,16 @@ void getDeferredDeepLink() {
         [](const Result<DeferredDeeplinkResponse>& answer) {
           if (!answer) {
             const Error& error = answer.error();
-            tellDelegate(&QuorvaDelegate::quorvaDidFailToResolveDeepLink, std::nullopt, error);
-            return QVLogger::log(LogLevel::error,
-                                 "Quorva DeepLink fetch failed: " + error.localizedDescription(),
-                                 "getDeferredDeepLink()");
+            return inTurn(
+                [&] {
+                  tellDelegate(&QuorvaDelegate::quorvaDidFailToResolveDeepLink, std::nullopt,
+                               error);
+                },
+                [&] {
+                  QVLogger::log(LogLevel::error,
+                                "Quorva DeepLink fetch failed: " + error.localizedDescription(),
+                                "getDeferredDeepLink()");
+                });
           }
           const auto destination = parsed(answer->destinationUrl);
           if (!answer->matchFound.value_or(false) || !destination) return;
@@ -70,9 +88,11 @@ void checkFirstLaunch() {
 
 void finishInitialization(const QVConfiguration& config) {
   QVNetworkManager::devicePing();
-  tellDelegate(&QuorvaDelegate::quorvaDidInitialize, config);
-  QVLogger::log(LogLevel::success, "Quorva SDK Intialized!", "initialize(config:)");
-  checkFirstLaunch();
+  inTurn([&] { tellDelegate(&QuorvaDelegate::quorvaDidInitialize, config); },
+         [] {
+           QVLogger::log(LogLevel::success, "Quorva SDK Intialized!", "initialize(config:)");
+           checkFirstLaunch();
+         });
 }
 
 }  // namespace
@@ -102,9 +122,11 @@ void Quorva::initialize(QVConfiguration config) {
         [config](const Result<std::optional<std::string>>& identifier) {
           if (!identifier) {
             const Error& error = identifier.error();
-            tellDelegate(&QuorvaDelegate::quorvaDidFailToInitialize, error);
-            return QVLogger::log(LogLevel::error, error.localizedDescription(),
-                                 "initialize(config:)");
+            return inTurn([&] { tellDelegate(&QuorvaDelegate::quorvaDidFailToInitialize, error); },
+                          [&] {
+                            QVLogger::log(LogLevel::error, error.localizedDescription(),
+                                          "initialize(config:)");
+                          });
           }
           StorageKeys::anonymousId.set(*identifier);
           finishInitialization(config);

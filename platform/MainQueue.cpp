@@ -1,10 +1,9 @@
 #include "platform/MainQueue.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -19,15 +18,16 @@ namespace {
 using Job = std::function<void()>;
 
 struct State {
-  const int fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   std::atomic<std::thread::id> thread;
   std::atomic<bool> stopped = false;
 
   std::mutex mutex;
+  std::condition_variable posted;
   // Guarded by mutex:
+  int fd = -1;  // opened when it's asked for
   std::deque<Job> jobs;
   std::uint64_t taken = 0;  // jobs ever taken from the queue
-  bool armed = false;       // fd is readable
+  bool armed = false;       // fd is readable, where there is one
   std::shared_ptr<const Job> wake;
 };
 
@@ -72,7 +72,10 @@ struct Settle {
 }  // namespace
 
 int MainQueue::fd() {
-  return state().fd;
+  State& queue = state();
+  const std::scoped_lock lock(queue.mutex);
+  if (queue.fd < 0) queue.fd = eventfd(queue.armed, EFD_NONBLOCK | EFD_CLOEXEC);
+  return queue.fd;
 }
 
 std::size_t MainQueue::drain() {
@@ -114,8 +117,10 @@ void MainQueue::run() {
   if (!isCurrent("MainQueue::run")) return;
   State& queue = state();
   do {
-    pollfd waiting{queue.fd, POLLIN, 0};
-    poll(&waiting, 1, -1);
+    // Not by the descriptor: the process may have none left.
+    std::unique_lock lock(queue.mutex);
+    queue.posted.wait(lock, [&] { return queue.stopped || !queue.jobs.empty(); });
+    lock.unlock();
     drain();
   } while (!queue.stopped.exchange(false));
 }
@@ -131,6 +136,7 @@ void MainQueue::post(Job job) {
   queue.jobs.push_back(std::move(job));
   const auto wake = arm(queue);
   lock.unlock();
+  queue.posted.notify_one();
   call(wake);
 }
 

@@ -24,7 +24,8 @@ class QUORVA_EXPORT MainQueue {
   MainQueue() = delete;
 
   /// A descriptor that is readable while something waits to be run, for poll, select or epoll
-  /// (level- or edge-triggered). The library's: don't read or close it.
+  /// (level- or edge-triggered). The library's: don't read or close it. -1 while the process has no
+  /// descriptor left: ask again then.
   [[nodiscard]] static int fd();
 
   /// Runs what was waiting when it was called, and says how much that was. On the application's
@@ -32,8 +33,9 @@ class QUORVA_EXPORT MainQueue {
   static std::size_t drain();
 
   /// Has `callback` called, on any thread, whenever `fd()` becomes readable; at once if it is. It
-  /// may be called more often than needed and should do no more than wake the loop. An empty
-  /// function takes it away, but one more call may still be under way on another thread.
+  /// may be called more often than needed, should do no more than wake the loop, and must not
+  /// throw. An empty function takes it away, but one more call may still be under way on another
+  /// thread.
   static void setWakeCallback(std::function<void()> callback);
 
   /// Empties the queue until `stop()`, waiting in between. On the application's thread.

@@ -1,7 +1,5 @@
 #include "platform/Text.h"
 
-#include <simdjson.h>
-
 #include <algorithm>
 #include <array>
 
@@ -47,7 +45,24 @@ std::string trimmed(std::string_view text) {
 }
 
 bool isValidUTF8(std::string_view text) {
-  return simdjson::validate_utf8(text.data(), text.size());
+  const auto byte = [&](std::size_t at) {
+    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+  };
+  for (std::size_t at = 0; at < text.size();) {
+    const unsigned lead = byte(at++);
+    if (lead < 0x80) continue;
+    if (lead < 0xC2 || lead > 0xF4) return false;
+    // The second byte's range leaves out what is too long, a surrogate, or beyond U+10FFFF.
+    unsigned lowest = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    unsigned highest = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    for (int left = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3; left > 0; --left) {
+      const unsigned next = byte(at++);
+      if (next < lowest || next > highest) return false;
+      lowest = 0x80;
+      highest = 0xBF;
+    }
+  }
+  return true;
 }
 
 }  // namespace quorva::platform

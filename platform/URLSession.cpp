@@ -1,7 +1,10 @@
 #include "platform/URLSession.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <openssl/crypto.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -23,13 +26,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Code = URLError::Code;
 
-constexpr std::size_t maximumSize = 16 << 20;  // of a reply, headers included
+constexpr std::size_t maximumSize = 16 << 20;   // of a body, both as it comes and decompressed
+constexpr std::size_t maximumHead = 256 << 10;  // of all headers that a request is answered with
 constexpr long maximumRedirects = 20;
-// How many requests are with curl at once; the others wait here, since those that wait in curl may
-// wait for good.
-constexpr std::size_t atOnceOverHTTP1 = 6;    // each on a connection of its own
-constexpr std::size_t atOnceOverHTTP2 = 100;  // sharing connections
-constexpr std::size_t idleHandles = 16;       // kept for reuse: a new one is dear
+// How many requests are with curl at once, each on a connection of its own; the others wait here,
+// since those that wait in curl may wait for good.
+constexpr std::size_t atOnce = 6;
 
 struct List {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -59,7 +61,10 @@ struct Transfer {
   Headers connectTo;
   std::array<char, CURL_ERROR_SIZE> message{};
   Clock::time_point deadline;
-  std::size_t received = 0;
+  curl_off_t received = 0;   // of the body, as it comes
+  std::size_t headSize = 0;  // of all heads so far
+  bool headEnded = false;    // the last one's, by an empty line
+  bool isTooLarge = false;
   HTTPResponse response;
 };
 
@@ -100,7 +105,7 @@ Code certificateError(long verifyResult) {
 }
 
 // What curl's refusals are to us; the rest is a connection lost.
-constexpr std::array<std::pair<CURLcode, Code>, 21> codes{{
+constexpr std::array<std::pair<CURLcode, Code>, 22> codes{{
     {CURLE_URL_MALFORMAT, Code::badURL},
     {CURLE_OPERATION_TIMEDOUT, Code::timedOut},
     {CURLE_COULDNT_RESOLVE_HOST, Code::cannotFindHost},
@@ -111,8 +116,9 @@ constexpr std::array<std::pair<CURLcode, Code>, 21> codes{{
     {CURLE_UNSUPPORTED_PROTOCOL, Code::insecureConnection},
     {CURLE_WEIRD_SERVER_REPLY, Code::cannotParseResponse},
     {CURLE_BAD_CONTENT_ENCODING, Code::cannotParseResponse},
-    {CURLE_HTTP2, Code::cannotParseResponse},
-    {CURLE_WRITE_ERROR, Code::dataLengthExceedsMaximum},
+    {CURLE_WRITE_ERROR, Code::cannotParseResponse},  // bytes behind what is compressed
+    {CURLE_FILESIZE_EXCEEDED, Code::dataLengthExceedsMaximum},
+    {CURLE_OUT_OF_MEMORY, Code::dataLengthExceedsMaximum},  // also a header without an end
     {CURLE_SSL_CONNECT_ERROR, Code::secureConnectionFailed},
     {CURLE_SSL_CIPHER, Code::secureConnectionFailed},
     {CURLE_SSL_CACERT_BADFILE, Code::secureConnectionFailed},
@@ -160,26 +166,97 @@ struct Options {
   bool accepted;
 };
 
-// Counts what has arrived. False where that is too much.
-bool take(Transfer& transfer, std::size_t bytes) {
-  transfer.received += bytes;
-  transfer.deadline = Clock::now() + transfer.request.timeout;
-  return transfer.received <= maximumSize;
+// What curl takes for a reply, though HTTP doesn't: half a head, and lengths that contradict each
+// other.
+CURLcode doubt(const Transfer& transfer) {
+  if (!transfer.headEnded) return CURLE_PARTIAL_FILE;
+  std::string_view length;
+  curl_header* header = nullptr;
+  for (std::size_t i = 0;
+       curl_easy_header(transfer.easy, "Content-Length", i, CURLH_HEADER, -1, &header) == CURLHE_OK;
+       ++i) {
+    if (i > 0 && length != header->value) return CURLE_WEIRD_SERVER_REPLY;
+    length = header->value;
+  }
+  return length.find(',') == length.npos ? CURLE_OK : CURLE_WEIRD_SERVER_REPLY;
 }
 
-std::size_t takeHeader(char*, std::size_t size, std::size_t count, void* transfer) {
-  return take(*static_cast<Transfer*>(transfer), size * count) ? size * count : 0;
+void restartTimer(Transfer& transfer) {
+  transfer.deadline = Clock::now() + transfer.request.timeout;
+}
+
+// Has the transfer's connection closed when the transfer ends. Over HTTP/2 it would be kept, silent
+// or busy as it is, and the next request would wait in vain, too.
+void distrust(const Transfer& transfer) {
+  curl_easy_setopt(transfer.easy, CURLOPT_FORBID_REUSE, 1L);
+}
+
+// Nothing is taken of what is too much, and curl stops.
+std::size_t refuse(Transfer& transfer) {
+  transfer.isTooLarge = true;
+  distrust(transfer);
+  return 0;
+}
+
+std::size_t takeHeader(char* bytes, std::size_t size, std::size_t count, void* context) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  const std::string_view line(bytes, size * count);
+  restartTimer(transfer);
+  const bool isEnd = line == "\r\n" || line == "\n";
+  transfer.headEnded = isEnd || (transfer.headEnded && !line.starts_with("HTTP/"));
+  transfer.headSize += line.size();
+  return transfer.headSize <= maximumHead ? line.size() : refuse(transfer);
 }
 
 std::size_t takeBody(char* bytes, std::size_t size, std::size_t count, void* context) {
   auto& transfer = *static_cast<Transfer*>(context);
-  if (!take(transfer, size * count)) return 0;
+  std::string& body = transfer.response.body;
+  if (body.size() + size * count > maximumSize) return refuse(transfer);
   try {
-    transfer.response.body.append(bytes, size * count);
+    body.append(bytes, size * count);
   } catch (const std::bad_alloc&) {
-    return 0;  // curl, which is C, is to hear of it: too large for this machine
+    return refuse(transfer);  // too large for this machine; curl, which is C, is to hear of it
   }
   return size * count;
+}
+
+// Sees what comes before it's decompressed, and also what is dropped, as before a redirect.
+int takeProgress(void* context, curl_off_t, curl_off_t received, curl_off_t, curl_off_t) {
+  auto& transfer = *static_cast<Transfer*>(context);
+  if (received != std::exchange(transfer.received, received)) restartTimer(transfer);
+  if (received <= curl_off_t{maximumSize}) return 0;
+  refuse(transfer);
+  return 1;
+}
+
+// As curl would, but not for the programs that the host starts.
+curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) {
+  return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+// Those of the process's sockets that lead nowhere else.
+std::vector<int> localSockets() {
+  std::vector<int> sockets;
+  std::error_code unreadable;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", unreadable)) {
+    const int fd = std::stoi(entry.path().filename());
+    int domain = 0;
+    socklen_t size = sizeof domain;
+    getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size);
+    if (domain == AF_UNIX) sockets.push_back(fd);
+  }
+  return sockets;
+}
+
+// A multi handle. With it curl opens a pair of sockets that it tells nobody of, and that the
+// programs that the host starts would inherit.
+CURLM* createMulti() {
+  const std::vector<int> before = localSockets();
+  CURLM* multi = curl_multi_init();
+  for (const int fd : localSockets()) {
+    if (std::ranges::find(before, fd) == before.end()) fcntl(fd, F_SETFD, FD_CLOEXEC);
+  }
+  return multi;
 }
 
 class Network {
@@ -196,7 +273,7 @@ class Network {
       if (!running_) running_ = start();
       if (running_) {
         submitted_.push_back(&transfer);
-        curl_multi_wakeup(multi_);
+        eventfd_write(wakeup_, 1);
         return;
       }
     }
@@ -214,9 +291,15 @@ class Network {
     // to stop.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return false;
-    if (!multi_) multi_ = curl_multi_init();
+    if (wakeup_ < 0) wakeup_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wakeup_ < 0) return false;
+    if (!multi_) multi_ = createMulti();
     if (!share_) share_ = curl_share_init();
     if (!multi_ || !share_) return false;
+    // No two requests share a connection, also over HTTP/2: where one server of several doesn't
+    // know it, curl would join a request to one under HTTP/1.1, and each might get the other's
+    // reply.
+    curl_multi_setopt(multi_, CURLMOPT_PIPELINING, long{CURLPIPE_NOTHING});
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_COOKIE);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     trust_ = TrustStore::system();
@@ -237,17 +320,18 @@ class Network {
           end(*info<Transfer*>(message->easy_handle, CURLINFO_PRIVATE), message->data.result);
         }
         expire();
-        // After a pause the connection may be gone: not a hundred of them at once, then.
-        if (underWay_.empty()) atOnce_ = atOnceOverHTTP1;
-        while (!waiting_.empty() && underWay_.size() < atOnce_) {
+        while (!waiting_.empty() && underWay_.size() < atOnce) {
           Transfer* const next = waiting_.front();
           waiting_.pop_front();
           begin(*next);
         }
       }
       const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextDeadline_ - Clock::now());
-      curl_multi_poll(multi_, nullptr, 0,
+      curl_waitfd wakeup{wakeup_, CURL_WAIT_POLLIN, 0};
+      curl_multi_poll(multi_, &wakeup, 1,
                       static_cast<int>(std::clamp<long>(wait.count(), 0, 60'000)), nullptr);
+      eventfd_t ignored;
+      eventfd_read(wakeup_, &ignored);
     }
   }
 
@@ -266,15 +350,11 @@ class Network {
     return found == routes_.end() ? std::nullopt : std::optional(found->second);
   }
 
+  // Each transfer has a handle of its own: curl counts the stale connections that a handle has met
+  // in all its transfers, and gives up at the sixth.
   void begin(Transfer& transfer) {
-    if (idle_.empty()) {
-      transfer.easy = create();
-    } else {
-      transfer.easy = idle_.back();
-      idle_.pop_back();
-    }
-    if (!transfer.easy || !configure(transfer) ||
-        curl_multi_add_handle(multi_, transfer.easy) != CURLM_OK) {
+    transfer.easy = curl_easy_init();
+    if (!configure(transfer) || curl_multi_add_handle(multi_, transfer.easy) != CURLM_OK) {
       curl_easy_cleanup(transfer.easy);
       return transfer.finish(
           URLError(Code::cannotConnectToHost, "the request could not be set up"));
@@ -282,31 +362,6 @@ class Network {
     underWay_.push_back(&transfer);
   }
 
-  // A handle with all that holds for every request; null where curl has none to give.
-  CURL* create() const {
-    CURL* easy = curl_easy_init();
-    Options options(easy);
-    options.set(CURLOPT_PROTOCOLS_STR, "https");
-    options.set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
-    options.set(CURLOPT_FOLLOWLOCATION, 1L);
-    options.set(CURLOPT_MAXREDIRS, maximumRedirects);
-    options.set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-    options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
-    options.set(CURLOPT_SHARE, share_);
-    options.set(CURLOPT_COOKIEFILE, "");  // cookies, and in memory
-    options.set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
-    options.set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
-    options.set(CURLOPT_NOSIGNAL, 1L);
-    options.set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
-    options.set(CURLOPT_HEADERFUNCTION, takeHeader);
-    options.set(CURLOPT_WRITEFUNCTION, takeBody);
-    options.set(CURLOPT_POST, 1L);
-    if (options.accepted) return easy;
-    curl_easy_cleanup(easy);
-    return nullptr;
-  }
-
-  // Sets all that is the request's own, over what an earlier one left.
   bool configure(Transfer& transfer) {
     const URLRequest& request = transfer.request;
     Options options(transfer.easy);
@@ -323,17 +378,37 @@ class Network {
       append(transfer.connectTo,
              request.url.host() + "::127.0.0.1:" + std::to_string(routed->port));
 
+    options.set(CURLOPT_PROTOCOLS_STR, "https");
+    options.set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    options.set(CURLOPT_FOLLOWLOCATION, 1L);
+    options.set(CURLOPT_MAXREDIRS, maximumRedirects);
+    options.set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t{maximumSize});
+    options.set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
+    options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+    options.set(CURLOPT_SHARE, share_);
+    options.set(CURLOPT_COOKIEFILE, "");  // cookies, and in memory
+    options.set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
+    options.set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
+    options.set(CURLOPT_NOSIGNAL, 1L);
+    options.set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
+    options.set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
+    options.set(CURLOPT_HEADERFUNCTION, takeHeader);
+    options.set(CURLOPT_WRITEFUNCTION, takeBody);
+    options.set(CURLOPT_XFERINFOFUNCTION, takeProgress);
+    options.set(CURLOPT_NOPROGRESS, 0L);
+    options.set(CURLOPT_POST, 1L);
     options.set(CURLOPT_URL, request.url.absoluteString().c_str());
     options.set(CURLOPT_HTTPHEADER, transfer.headers.get());
     options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
     options.set(CURLOPT_POSTFIELDS, request.body.data());
     options.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout.count()));
     options.set(CURLOPT_CONNECT_TO, transfer.connectTo.get());
-    options.set(CURLOPT_NOPROXY, routed ? "*" : nullptr);
+    if (routed) options.set(CURLOPT_NOPROXY, "*");
     options.set(CURLOPT_CAINFO, routed ? routed->certificateAuthority.c_str() : trust_.file);
     options.set(CURLOPT_CAPATH, routed ? nullptr : trust_.folder);
     options.set(CURLOPT_HEADERDATA, &transfer);
     options.set(CURLOPT_WRITEDATA, &transfer);
+    options.set(CURLOPT_XFERINFODATA, &transfer);
     options.set(CURLOPT_ERRORBUFFER, transfer.message.data());
     options.set(CURLOPT_PRIVATE, &transfer);
     return options.accepted;
@@ -342,17 +417,20 @@ class Network {
   void end(Transfer& transfer, CURLcode code) {
     const auto status = info<long>(transfer.easy, CURLINFO_RESPONSE_CODE);
     transfer.response.statusCode = static_cast<int>(status);
+    if (code == CURLE_OK) code = doubt(transfer);
+    if (code == CURLE_RECV_ERROR && transfer.headEnded &&
+        !info<long>(transfer.easy, CURLINFO_OS_ERRNO))
+      code = CURLE_WEIRD_SERVER_REPLY;  // the system had no part in it: chunks that are none
+    if (transfer.isTooLarge) {
+      code = CURLE_FILESIZE_EXCEEDED;
+      transfer.message.front() = 0;  // which only says that we refused
+    }
     // To curl any 1xx announces a reply, and it fails when none follows. One that HTTP doesn't know
     // was the reply.
     const bool answered = code == CURLE_OK || (status > 103 && status < 200);
-    const Code error = answered ? Code() : errorCode(transfer.easy, code);
-    if (code == CURLE_OK) {
-      const bool isHTTP2 =
-          info<long>(transfer.easy, CURLINFO_HTTP_VERSION) == CURL_HTTP_VERSION_2_0;
-      atOnce_ = isHTTP2 ? atOnceOverHTTP2 : atOnceOverHTTP1;
-    }
     std::string cause =
         transfer.message.front() ? transfer.message.data() : curl_easy_strerror(code);
+    const Code error = answered ? Code() : errorCode(transfer.easy, code);
     release(transfer);
     if (answered) return transfer.finish(std::move(transfer.response));
     transfer.finish(URLError(error, std::move(cause)));
@@ -368,7 +446,10 @@ class Network {
     std::ranges::copy_if(underWay_, std::back_inserter(silent), isSilent);
     std::erase_if(waiting_, isSilent);
     for (Transfer* transfer : silent) {
-      if (transfer->easy) release(*transfer);
+      if (transfer->easy) {
+        distrust(*transfer);
+        release(*transfer);
+      }
       transfer->finish(URLError(Code::timedOut, "no byte arrived in time"));
     }
     nextDeadline_ = Clock::time_point::max();
@@ -382,9 +463,7 @@ class Network {
     std::erase(underWay_, &transfer);
     CURL* easy = std::exchange(transfer.easy, nullptr);
     curl_multi_remove_handle(multi_, easy);
-    if (idle_.size() == idleHandles) return curl_easy_cleanup(easy);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);  // it ends with the transfer
-    idle_.push_back(easy);
+    curl_easy_cleanup(easy);
   }
 
   std::mutex mutex_;
@@ -396,15 +475,14 @@ class Network {
   WorkLock atWork_;  // held while curl is at work; taken for good at exit
 
   // Constant once the thread runs:
+  int wakeup_ = -1;  // our own, since curl does without where it has no descriptor for it
   CURLM* multi_ = nullptr;
   CURLSH* share_ = nullptr;
   TrustStore trust_;
 
   // The network thread's:
-  std::vector<CURL*> idle_;
   std::deque<Transfer*> waiting_;
   std::vector<Transfer*> underWay_;
-  std::size_t atOnce_ = atOnceOverHTTP1;
   Clock::time_point nextDeadline_ = Clock::time_point::max();  // of all the first, or earlier
 };
 

@@ -7,8 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -19,7 +22,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int busyMilliseconds = 2000;  // how long another process may keep this one waiting
+using Clock = std::chrono::steady_clock;
+
+// How long an access waits for other processes, and how long if an earlier one waited in vain.
+constexpr std::chrono::milliseconds patience(2000), patienceAgain(100);
+
+// The file, its log of writes, and the log's index.
+constexpr std::array<const char*, 3> suffixes = {"", "-wal", "-shm"};
+constexpr std::size_t indexAt = 2;
+constexpr off_t indexSize = 32768;  // at least, while it's open
 
 constexpr const char* schema =
     "PRAGMA journal_mode = WAL;"
@@ -38,6 +49,16 @@ bool isDamage(int code) {
   return code == SQLITE_CORRUPT || code == SQLITE_NOTADB;
 }
 
+// Whether the file is of a format that is yet to come, which to SQLite is none. Read through
+// SQLite: closing a descriptor of an open database would drop its locks.
+bool isOfTheFuture(sqlite3* database) {
+  sqlite3_file* file = nullptr;
+  sqlite3_file_control(database, nullptr, SQLITE_FCNTL_FILE_POINTER, &file);
+  std::array<char, 20> header;
+  return file->pMethods->xRead(file, header.data(), header.size(), 0) == SQLITE_OK &&
+         std::memcmp(header.data(), "SQLite format 3", 16) == 0 && header[19] > 2;
+}
+
 // A file name that holds `text`, whatever is in it.
 std::string fileName(std::string_view text) {
   constexpr std::string_view digits = "0123456789abcdef";
@@ -51,26 +72,37 @@ std::string fileName(std::string_view text) {
   return name;
 }
 
+// The directory that a variable of the environment names. A relative one doesn't count: it would be
+// another with each start.
+std::optional<fs::path> named(const char* variable) {
+  const char* path = std::getenv(variable);
+  return path && fs::path(path).is_absolute() ? std::optional<fs::path>(path) : std::nullopt;
+}
+
+// Where the user's data belongs; for a user without a home a place where not even root can make a
+// file.
 fs::path dataHome() {
-  if (const char* given = std::getenv("XDG_DATA_HOME"); given && fs::path(given).is_absolute()) {
-    return given;
+  if (auto given = named("XDG_DATA_HOME")) return *std::move(given);
+  auto home = named("HOME");
+  if (!home) {
+    std::array<char, 4096> text;
+    passwd entry{};
+    passwd* user = nullptr;
+    getpwuid_r(getuid(), &entry, text.data(), text.size(), &user);
+    if (user && fs::path(user->pw_dir).is_absolute()) home = user->pw_dir;
   }
-  const char* home = std::getenv("HOME");
-  if (!home || !*home) {
-    const passwd* user = getpwuid(getuid());
-    home = user ? user->pw_dir : "/nonexistent";
-  }
-  return fs::path(home) / ".local" / "share";
+  return home.value_or("/dev/null") / ".local" / "share";
 }
 
 }  // namespace
 
 class UserDefaults::Store {
  public:
-  explicit Store(fs::path file) : file_(std::move(file)) { openOrReplace(false); }
+  explicit Store(fs::path file) : file_(std::move(file)) {}
 
   std::optional<Value> read(std::string_view key) {
     const std::scoped_lock lock(mutex_);
+    beginAccess();
     if (const auto kept = unwritten_.find(key); kept != unwritten_.end()) return kept->second;
     std::optional<Value> value;
     perform([&] {
@@ -83,6 +115,7 @@ class UserDefaults::Store {
 
   void write(std::string_view key, std::optional<Value> value) {
     const std::scoped_lock lock(mutex_);
+    beginAccess();
     unwritten_.insert_or_assign(std::string(key), std::move(value));
     // With it goes what could not be written before.
     std::erase_if(unwritten_,
@@ -90,6 +123,11 @@ class UserDefaults::Store {
   }
 
  private:
+  void beginAccess() { deadline_ = Clock::now() + (unwritten_.empty() ? patience : patienceAgain); }
+
+  // Waits for another process, as long as the access may.
+  bool wait() const { return Clock::now() < deadline_ && sqlite3_sleep(1); }
+
   int put(const std::string& key, const std::optional<Value>& value) {
     return perform([&] {
       if (!value) return step(remove_, key);
@@ -111,12 +149,18 @@ class UserDefaults::Store {
 
   // Opens the file, or leaves it closed and says why.
   int open() {
+    // Opening a device may never end, and SQLite would leave a journal beside it.
+    if (std::error_code none; !fs::is_regular_file(file_, none)) return SQLITE_CANTOPEN;
     sqlite3* opened = nullptr;
     int code = sqlite3_open_v2(file_.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                                nullptr);
     database_.reset(opened);
-    if (code == SQLITE_OK) code = sqlite3_busy_timeout(opened, busyMilliseconds);
-    if (code == SQLITE_OK) code = sqlite3_exec(opened, schema, nullptr, nullptr, nullptr);
+    if (code == SQLITE_OK) {
+      sqlite3_busy_handler(
+          opened, [](void* store, int) -> int { return static_cast<Store*>(store)->wait(); }, this);
+      code = sqlite3_exec(opened, schema, nullptr, nullptr, nullptr);
+      if (code == SQLITE_NOTADB && isOfTheFuture(opened)) code = SQLITE_CANTOPEN;
+    }
     const auto prepare = [&](Statement& statement, const char* sql) {
       sqlite3_stmt* prepared = nullptr;
       if (code == SQLITE_OK) {
@@ -126,9 +170,11 @@ class UserDefaults::Store {
     };
     prepare(get_, "SELECT value FROM settings WHERE key = ?1");
     prepare(put_,
-            "INSERT INTO settings VALUES (?1, ?2) ON CONFLICT (key) DO UPDATE SET value = ?2");
+            "INSERT INTO settings (key, value) VALUES (?1, ?2)"
+            " ON CONFLICT (key) DO UPDATE SET value = ?2");
     prepare(remove_, "DELETE FROM settings WHERE key = ?1");
     if (code != SQLITE_OK) shut();
+    noteFiles();
     return code;
   }
 
@@ -139,51 +185,76 @@ class UserDefaults::Store {
     database_.reset();
   }
 
-  bool isSound() {
-    return sqlite3_exec(
-               database_.get(), "PRAGMA quick_check",
-               [](void*, int, char** text, char**) {
-                 return std::string_view(text[0]) == "ok" ? 0 : 1;
-               },
-               nullptr, nullptr) == SQLITE_OK;
+  // Notes which files are in the three places, and says whether they aren't those of last time.
+  bool noteFiles() {
+    bool changed = false;
+    for (std::size_t i = 0; i < suffixes.size(); ++i) {
+      const std::string name = file_.string() + suffixes[i];
+      struct stat found {};
+      // Open files work on where their folder may no longer be searched.
+      if (stat(name.c_str(), &found) != 0 && errno == EACCES) continue;
+      const std::pair file(found.st_dev, found.st_ino);
+      changed |= std::exchange(files_[i], file) != file;
+      // To touch what was cut off the index, which is mapped, would kill the process.
+      if (i == indexAt && found.st_size < indexSize)
+        changed |= truncate(name.c_str(), indexSize) == 0;
+    }
+    return changed;
+  }
+
+  bool isDamaged() {
+    const int code = sqlite3_exec(
+        database_.get(), "PRAGMA quick_check",
+        [](void*, int, char** text, char**) {
+          return std::string_view(text[0]) == "ok" ? SQLITE_OK : SQLITE_ERROR;
+        },
+        nullptr, nullptr);
+    return code == SQLITE_ABORT || isDamage(code);
   }
 
   // Opens the file, or a new one in its place if it's damaged, which a `suspect` file is searched
   // for. One process at a time: several may come at once to a file that is new, or find the same
-  // damage.
-  void openOrReplace(bool suspect) {
+  // damage. Whom another keeps waiting for too long only opens.
+  int openOrReplace(bool suspect) {
     shut();
     std::error_code refused;
     fs::create_directories(file_.parent_path().parent_path(), refused);
     mkdir(file_.parent_path().c_str(), 0700);
     const int directory = ::open(file_.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int waited = 0; flock(directory, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK &&
-                         waited < busyMilliseconds;) {
-      waited += sqlite3_sleep(10);
-    }
+    bool isOthersTurn = false;
+    do {
+      isOthersTurn = flock(directory, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    } while (isOthersTurn && wait());
     create();
-    if (isDamage(open()) || (suspect && database_ && !isSound())) {
+    int code = open();
+    if (!isOthersTurn && (isDamage(code) || (suspect && database_ && isDamaged()))) {
       shut();
-      for (const char* suffix : {"", "-wal", "-shm"}) {
+      for (const char* suffix : suffixes) {
         const std::string name = file_.string();
         std::rename((name + suffix).c_str(), (name + ".damaged" + suffix).c_str());
       }
       create();
-      open();
+      code = open();
     }
     close(directory);
+    return code;
   }
 
-  // Runs `operation` on the file, which is tried again if it could not be opened, and a second time
-  // if it finds damage.
+  // Runs `operation` on the file, which is opened if it isn't open or is no longer the one in its
+  // place, and a second time if it finds damage.
   template <class Operation>
   int perform(Operation operation) {
-    if (!database_) openOrReplace(false);
-    if (!database_) return SQLITE_CANTOPEN;
-    const int code = operation();
+    if (database_ && noteFiles()) {
+      // A removed log's writes go to the file, and a removed file's log doesn't go to the next.
+      sqlite3_wal_checkpoint_v2(database_.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                nullptr);
+      shut();
+    }
+    int code = database_ ? SQLITE_OK : openOrReplace(false);
+    if (code == SQLITE_OK) code = operation();
     if (!isDamage(code)) return code;
-    openOrReplace(true);
-    return database_ ? operation() : SQLITE_CANTOPEN;
+    code = openOrReplace(true);
+    return code == SQLITE_OK ? operation() : code;
   }
 
   int step(const Statement& statement, std::string_view key) {
@@ -210,6 +281,8 @@ class UserDefaults::Store {
 
   std::mutex mutex_;
   // Guarded by mutex_:
+  Clock::time_point deadline_;  // of the access under way
+  std::array<std::pair<dev_t, ino_t>, suffixes.size()> files_;
   Database database_;
   Statement get_;
   Statement put_;

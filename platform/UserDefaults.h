@@ -2,8 +2,10 @@
 //
 // A SQLite file per application in $XDG_DATA_HOME (or ~/.local/share), shared safely by threads and
 // processes; a value that was written is visible at once and survives the process, however that
-// ends. Nothing here fails: a damaged file is set aside and begun anew, and where nothing can be
-// written values live in memory.
+// ends. What is in the file's place counts, also if it is replaced while the process runs. Nothing
+// here fails: a damaged file is set aside and begun anew, and where nothing can be written, or what
+// is there is of a later version, values live in memory. An access waits two seconds at most for
+// other processes.
 
 #pragma once
 

@@ -1,6 +1,7 @@
 #include "ScriptedServer.h"
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
@@ -21,12 +22,28 @@ auto fromPEM(const std::string& text) {
   return std::shared_ptr<std::decay_t<decltype(*object)>>(object, release);
 }
 
-std::shared_ptr<SSL_CTX> tlsOf(const localservice::Identity& identity) {
+int chooseHTTP2(SSL*, const unsigned char** chosen, unsigned char* size,
+                const unsigned char* offered, unsigned offeredSize, void*) {
+  static constexpr unsigned char protocol[] = {2, 'h', '2'};
+  unsigned char* common = nullptr;
+  const int found =
+      SSL_select_next_proto(&common, size, protocol, sizeof protocol, offered, offeredSize);
+  *chosen = common;
+  return found == OPENSSL_NPN_NEGOTIATED ? SSL_TLSEXT_ERR_OK : SSL_TLSEXT_ERR_NOACK;
+}
+
+std::shared_ptr<SSL_CTX> tlsOf(const localservice::Identity& identity, Greeting greeting) {
   const std::shared_ptr<SSL_CTX> tls(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
   const auto certificate = fromPEM<PEM_read_bio_X509, X509_free>(identity.certificatePEM);
   const auto key = fromPEM<PEM_read_bio_PrivateKey, EVP_PKEY_free>(identity.privateKeyPEM);
   SSL_CTX_use_certificate(tls.get(), certificate.get());
   SSL_CTX_use_PrivateKey(tls.get(), key.get());
+  if (greeting == Greeting::tls11) {
+    SSL_CTX_set_security_level(tls.get(), 0);  // so old that it isn't on offer otherwise
+    SSL_CTX_set_max_proto_version(tls.get(), TLS1_1_VERSION);
+  }
+  if (greeting == Greeting::tls12) SSL_CTX_set_max_proto_version(tls.get(), TLS1_2_VERSION);
+  if (greeting == Greeting::http2) SSL_CTX_set_alpn_select_cb(tls.get(), chooseHTTP2, nullptr);
   return tls;
 }
 
@@ -58,34 +75,85 @@ void reset(int socket) {
   static_cast<void>(connect(socket, &nobody, sizeof nobody));
 }
 
-/// Appends what comes next; false when the peer has gone.
-bool receive(SSL* ssl, std::string& bytes) {
-  char more[16 * 1024];
-  std::size_t size = 0;
-  const bool received = SSL_read_ex(ssl, more, sizeof more, &size) == 1;
-  bytes.append(more, size);
-  return received;
-}
+/// The server's end of a TLS connection.
+struct Connection {
+  /// Waits for more bytes; false when the peer has gone.
+  bool receive() {
+    char more[16 * 1024];
+    std::size_t size = 0;
+    const bool received = SSL_read_ex(ssl.get(), more, sizeof more, &size) == 1;
+    bytes.append(more, size);
+    return received;
+  }
 
-std::optional<ReceivedRequest> receiveRequest(SSL* ssl) {
-  std::string bytes;
+  std::optional<std::string> take(std::size_t size) {
+    while (bytes.size() < size) {
+      if (!receive()) return std::nullopt;
+    }
+    std::string taken = bytes.substr(0, size);
+    bytes.erase(0, size);
+    return taken;
+  }
+
+  bool send(const std::string& text) const {
+    std::size_t written = 0;
+    return text.empty() || SSL_write_ex(ssl.get(), text.data(), text.size(), &written) == 1;
+  }
+
+  /// Says it all, if the peer listens so long; false when there is no conversation any more.
+  bool answer(const Reply& reply, int socket) const {
+    bool heard = send(reply.bytes);
+    for (std::size_t i = 0; heard && !reply.more.empty() && i < reply.times; ++i) {
+      std::this_thread::sleep_for(reply.pause);
+      heard = send(reply.more);
+    }
+    if (reply.then == Reply::Then::close) SSL_shutdown(ssl.get());
+    if (reply.then == Reply::Then::hold) waitUntilPeerGoes(socket);
+    if (reply.then == Reply::Then::reset) reset(socket);
+    return heard && reply.then == Reply::Then::keepAlive;
+  }
+
+  std::shared_ptr<SSL> ssl;
+  std::string bytes = {};                              // received, and not yet taken
+  std::map<std::uint32_t, ReceivedRequest> open = {};  // the streams of HTTP/2
+};
+
+std::optional<ReceivedRequest> receiveRequest(Connection& peer, bool withBody) {
   std::size_t end = 0;
-  while ((end = bytes.find("\r\n\r\n")) == bytes.npos) {
-    if (!receive(ssl, bytes)) return std::nullopt;
+  while ((end = peer.bytes.find("\r\n\r\n")) == peer.bytes.npos) {
+    if (!peer.receive()) return std::nullopt;
   }
   ReceivedRequest request;
-  std::istringstream head(bytes.substr(0, end + 1));
+  std::istringstream head(*peer.take(end + 4));
   std::string name, value;
   head >> request.method >> request.target >> value;
   while (getline(head >> std::ws, name, ':') && getline(head >> std::ws, value, '\r')) {
     request.headers.emplace(name, value);
   }
-  request.body = bytes.substr(end + 4);
-  const std::size_t size = std::stoul(request.header("Content-Length").value_or("0"));
-  while (request.body.size() < size) {
-    if (!receive(ssl, request.body)) return std::nullopt;
-  }
+  if (!withBody) return request;
+  auto body = peer.take(std::stoul(request.header("Content-Length").value_or("0")));
+  if (!body) return std::nullopt;
+  request.body = *std::move(body);
   return request;
+}
+
+std::optional<ReceivedRequest> receiveStream(Connection& peer) {
+  for (;;) {
+    const auto head = peer.take(9);
+    if (!head) return std::nullopt;
+    const auto byte = [&](std::size_t i) { return std::uint32_t(std::uint8_t(head->at(i))); };
+    const auto payload = peer.take(byte(0) << 16 | byte(1) << 8 | byte(2));
+    if (!payload) return std::nullopt;
+    const bool isData = byte(3) == 0;
+    const bool isHeaders = byte(3) == 1;
+    if (!isData && !isHeaders) continue;
+    const auto stream = byte(5) << 24 | byte(6) << 16 | byte(7) << 8 | byte(8);
+    auto& request = peer.open[stream];
+    request.stream = stream;
+    if (isData) request.body += *payload;
+    const bool isWhole = byte(4) & 1;
+    if (isWhole) return peer.open.extract(stream).mapped();
+  }
 }
 
 }  // namespace
@@ -108,32 +176,28 @@ Reply Reply::json(int status, std::string_view body) {
 
 ScriptedServer::ScriptedServer(const localservice::Identity& identity, Handler handler,
                                Greeting greeting)
-    : tls_(tlsOf(identity)),
-      handler_(std::move(handler)),
-      greeting_(greeting),
-      listener_(boundSocket()),
-      port_(portOf(listener_)) {
-  listen(listener_, SOMAXCONN);
-  acceptor_ = std::jthread([this] {
-    // The connections' threads inherit this: writing to a peer that has gone mustn't end the test.
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);
-    for (int socket = 0; (socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-      const std::lock_guard lock(mutex_);
-      sockets_.push_back(socket);
-      connections_.emplace_back([this, socket] { serve(socket); });
-    }
-  });
+    : handler_(std::move(handler)), listener_(boundSocket()), port_(portOf(listener_)) {
+  greet(identity, greeting);
 }
 
 ScriptedServer::~ScriptedServer() {
   shutdown(listener_, SHUT_RDWR);  // wakes accept
-  acceptor_.join();
+  if (acceptor_.joinable()) acceptor_.join();
   for (const int socket : sockets_) shutdown(socket, SHUT_RDWR);
   connections_.clear();
   for (const int socket : sockets_) close(socket);
   close(listener_);
+}
+
+void ScriptedServer::greet(const localservice::Identity& identity, Greeting greeting) {
+  {
+    const std::lock_guard lock(mutex_);
+    tls_ = tlsOf(identity, greeting);
+    greeting_ = greeting;
+  }
+  if (greeting == Greeting::refusal || acceptor_.joinable()) return;
+  listen(listener_, SOMAXCONN);
+  acceptor_ = std::jthread([this] { accept(); });
 }
 
 ReceivedRequest ScriptedServer::waitForRequest(std::size_t index) {
@@ -142,31 +206,65 @@ ReceivedRequest ScriptedServer::waitForRequest(std::size_t index) {
   return requests_.at(index);
 }
 
-void ScriptedServer::serve(int socket) {
-  if (greeting_ == Greeting::tls) converse(socket);
-  if (greeting_ == Greeting::garbage) send(socket, "no TLS\r\n", 8, 0);
-  // Only the sending half: closed altogether, it would answer the peer's first bytes by a reset.
-  if (greeting_ == Greeting::close) shutdown(socket, SHUT_WR);
-  if (greeting_ != Greeting::tls) waitUntilPeerGoes(socket);
-  shutdown(socket, SHUT_RDWR);
+void ScriptedServer::accept() {
+  // The connections' threads inherit this: writing to a peer that has gone mustn't end the test.
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_BLOCK, &all, nullptr);
+  for (int socket = 0; (socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+    constexpr int atOnce = 1;  // what is written, rather than when more is acknowledged
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &atOnce, sizeof atOnce);
+    const std::lock_guard lock(mutex_);
+    sockets_.push_back(socket);
+    connections_.emplace_back(
+        [this, socket, tls = tls_, greeting = greeting_] { serve(socket, tls, greeting); });
+  }
 }
 
-void ScriptedServer::converse(int socket) {
-  const std::shared_ptr<SSL> ssl(SSL_new(tls_.get()), SSL_free);
-  if (SSL_set_fd(ssl.get(), socket) != 1 || SSL_accept(ssl.get()) != 1) return;
-  while (const auto request = receiveRequest(ssl.get())) {
+void ScriptedServer::serve(int socket, const std::shared_ptr<ssl_ctx_st>& tls, Greeting greeting) {
+  char first = 0;
+  switch (greeting) {
+    case Greeting::garbage:
+      send(socket, "no TLS\r\n", 8, 0);
+      break;
+    case Greeting::silence:
+    case Greeting::refusal:
+      break;
+    case Greeting::close:
+      // Only the sending half: closed altogether, it would answer the peer's first bytes by a
+      // reset.
+      shutdown(socket, SHUT_WR);
+      break;
+    case Greeting::reset:
+      static_cast<void>(recv(socket, &first, 1, 0));
+      return reset(socket);
+    default:
+      converse(socket, tls.get(), greeting);
+      return static_cast<void>(shutdown(socket, SHUT_RDWR));
+  }
+  waitUntilPeerGoes(socket);
+}
+
+void ScriptedServer::converse(int socket, ssl_ctx_st* tls, Greeting greeting) {
+  Connection peer{{SSL_new(tls), SSL_free}};
+  if (SSL_set_fd(peer.ssl.get(), socket) != 1 || SSL_accept(peer.ssl.get()) != 1) return;
+  const unsigned char* protocol = nullptr;
+  unsigned protocolSize = 0;
+  SSL_get0_alpn_selected(peer.ssl.get(), &protocol, &protocolSize);
+  const bool isHTTP2 = protocolSize > 0;
+  constexpr std::string_view preface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n";
+  if (isHTTP2 && peer.take(preface.size()) != preface) return;
+  if (greeting == Greeting::talkative && !peer.answer(handler_({}), socket)) return;
+  for (;;) {
+    const auto request =
+        isHTTP2 ? receiveStream(peer) : receiveRequest(peer, greeting != Greeting::impatient);
+    if (!request) return;
     {
       const std::lock_guard lock(mutex_);
       requests_.push_back(*request);
     }
     received_.notify_all();
-    const Reply reply = handler_(*request);
-    std::size_t written = 0;
-    SSL_write_ex(ssl.get(), reply.bytes.data(), reply.bytes.size(), &written);
-    if (reply.then == Reply::Then::close) SSL_shutdown(ssl.get());
-    if (reply.then == Reply::Then::hold) waitUntilPeerGoes(socket);
-    if (reply.then == Reply::Then::reset) reset(socket);
-    if (reply.then != Reply::Then::keepAlive) return;
+    if (!peer.answer(handler_(*request), socket)) return;
   }
 }
 

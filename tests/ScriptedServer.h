@@ -6,12 +6,13 @@
 // Errors: without a port the constructor throws std::runtime_error. A peer that leaves only ends
 // its connection; an exception out of a handler ends the process.
 // Requests: each is answered before the next is read, and its body is as long as its Content-Length
-// says.
+// says. Over HTTP/2 a request is its stream's number and its body, and the reply is frames.
 // Lifetime: the destructor closes every connection and joins the threads. It waits for handlers
 // that are still running: whoever holds one back has to let it go first.
 
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -37,6 +38,7 @@ struct ReceivedRequest {
   std::string target;
   Headers headers;
   std::string body;
+  std::uint32_t stream = 0;
 
   /// The header of that name, spelled as the peer does.
   [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
@@ -47,12 +49,18 @@ struct Reply {
   enum class Then {
     keepAlive,
     close,  ///< In good order: TLS says goodbye first.
+    cut,    ///< Without TLS's goodbye.
     reset,
     hold,  ///< Silent until the peer goes or the server ends.
   };
 
+  static constexpr std::size_t endless = SIZE_MAX;
+
   std::string bytes;
   Then then = Then::keepAlive;
+  std::string more = {};  ///< Follows the bytes, so many times, each after a pause.
+  std::size_t times = 1;
+  std::chrono::milliseconds pause{0};
 
   /// A well-formed reply with its Content-Length.
   [[nodiscard]] static Reply http(int status, const Headers& headers, std::string_view body = {});
@@ -62,9 +70,16 @@ struct Reply {
 /// What a new connection meets.
 enum class Greeting {
   tls,
-  garbage,  ///< Plain bytes that are no TLS.
+  tls11,  ///< Nothing newer.
+  tls12,
+  http2,      ///< For those that know it.
+  impatient,  ///< TLS, and the handler is called before a request's body is read.
+  talkative,  ///< TLS, and the handler is called with an empty request before any is read.
+  garbage,    ///< Plain bytes that are no TLS.
   silence,
   close,
+  reset,    ///< Once the peer has begun its TLS.
+  refusal,  ///< Not accepted at all.
 };
 
 class ScriptedServer {
@@ -75,6 +90,9 @@ class ScriptedServer {
   ScriptedServer(const localservice::Identity& identity, Handler handler,
                  Greeting greeting = Greeting::tls);
   ~ScriptedServer();
+
+  /// What connections meet that are accepted from now on; nothing may be refused again.
+  void greet(const localservice::Identity& identity, Greeting greeting);
 
   [[nodiscard]] std::uint16_t port() const { return port_; }
 
@@ -95,16 +113,17 @@ class ScriptedServer {
   }
 
  private:
-  void serve(int socket);
-  void converse(int socket);
+  void accept();
+  void serve(int socket, const std::shared_ptr<ssl_ctx_st>& tls, Greeting greeting);
+  void converse(int socket, ssl_ctx_st* tls, Greeting greeting);
 
-  const std::shared_ptr<ssl_ctx_st> tls_;
   const Handler handler_;
-  const Greeting greeting_;
   const int listener_;
   const std::uint16_t port_;
 
   mutable std::mutex mutex_;  // guards everything below but acceptor_
+  std::shared_ptr<ssl_ctx_st> tls_;
+  Greeting greeting_;
   std::condition_variable received_;
   std::vector<ReceivedRequest> requests_;
   std::vector<int> sockets_;

@@ -50,6 +50,10 @@ class Console {
   std::string text_;
 };
 
+/// How often a test of endurance repeats itself: `usually`, or `beforeRelease` where
+/// QUORVA_ENDURANCE is set, as `./run endurance` does.
+[[nodiscard]] int rounds(int usually, int beforeRelease);
+
 void writeFile(const std::filesystem::path& file, const std::string& text);
 
 }  // namespace quorva::test

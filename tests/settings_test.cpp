@@ -3,17 +3,22 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <chrono>
 #include <fstream>
-#include <thread>
+#include <functional>
 #include <tuple>
+#include <utility>
 
 #include "QuorvaSDK/StorageKeys.h"
 #include "platform/Bundle.h"
 #include "platform/UserDefaults.h"
-#include "tests/Support.h"
+#include "tests/ServiceFixture.h"
 
 namespace quorva::platform {
 namespace {
@@ -61,40 +66,6 @@ TEST_F(Settings, AreTheOwnersAlone) {
     EXPECT_EQ(fs::status(file.string() + suffix).permissions(), fs::perms(0600)) << suffix;
 }
 
-TEST_F(Settings, SurviveAKillRightBehindTheWrite) {
-  for (const auto& launch : {"1"s, "2"s, "3"s}) {
-    const pid_t child = fork();
-    if (child == 0) {
-      UserDefaults settings(file);
-      settings.set("launch", launch);
-      kill(getpid(), SIGKILL);
-    }
-    waitpid(child, nullptr, 0);
-    EXPECT_EQ(UserDefaults(file).get<std::string>("launch"), launch);
-  }
-}
-
-TEST_F(Settings, AreSharedByProcessesAndThreads) {
-  constexpr int writes = 200;
-  const auto write = [](UserDefaults& settings, const std::string& name) {
-    for (int i = 0; i < writes; ++i) settings.set(name + std::to_string(i), true);
-  };
-  const pid_t child = fork();
-  UserDefaults settings(file);
-  if (child == 0) {
-    write(settings, "child");
-    _exit(0);
-  }
-  std::jthread other([&] { write(settings, "a"); });
-  write(settings, "b");
-  other.join();
-  waitpid(child, nullptr, 0);
-  for (const auto& name : {"a"s, "b"s, "child"s}) {
-    for (int i = 0; i < writes; ++i)
-      EXPECT_EQ(settings.get<bool>(name + std::to_string(i)), true) << name << i;
-  }
-}
-
 TEST_F(Settings, SetADamagedFileAside) {
   const std::tuple<const char*, int, std::string> rows[] = {
       {"no database at all", 0, std::string(8192, 'x')},
@@ -137,6 +108,97 @@ TEST_F(Settings, LiveInMemoryWhereNothingCanBeWritten) {
   full.set("k", "after"s);
   EXPECT_EQ(full.get<std::string>("k"), "after") << "as the process sees it";
   EXPECT_EQ(UserDefaults(file).get<std::string>("k"), "before");
+}
+
+TEST_F(Settings, LeaveLaterVersionsTheirTable) {
+  for (const auto& [change, isKept] :
+       {std::pair("ADD COLUMN written REAL", true), {"RENAME COLUMN value TO content", false}}) {
+    SCOPED_TRACE(change);
+    fs::remove_all(file.parent_path());
+    UserDefaults(file).set("k", true);
+    execute(("ALTER TABLE settings "s + change).c_str());
+    UserDefaults settings(file);
+    EXPECT_EQ(settings.get<bool>("k").has_value(), isKept);
+    settings.set("k", false);
+    EXPECT_EQ(settings.get<bool>("k"), false);
+    EXPECT_EQ(UserDefaults(file).get<bool>("k").has_value(), isKept);
+    EXPECT_FALSE(fs::exists(file.string() + ".damaged"));
+  }
+}
+
+TEST_F(Settings, WaitTwoSecondsForOthersAndHardlyAgain) {
+  // A process that has the file, or only the folder, and doesn't go on.
+  const auto stop = [&](const std::function<void()>& holding) {
+    std::array<int, 2> holds{};
+    EXPECT_EQ(pipe(holds.data()), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      holding();
+      static_cast<void>(!write(holds[1], "", 1));
+      pause();
+    }
+    char told = 0;
+    close(holds[1]);
+    EXPECT_EQ(::read(holds[0], &told, 1), 1);
+    close(holds[0]);
+    return child;
+  };
+  const auto seconds = [](const auto& access) {
+    const auto begun = std::chrono::steady_clock::now();
+    access();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+  };
+  const pid_t writing = stop([&] {
+    UserDefaults(file).set("k", "old"s);
+    sqlite3* database = nullptr;
+    sqlite3_open(file.c_str(), &database);
+    sqlite3_exec(database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+  });
+  const pid_t opening =
+      stop([&] { flock(open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY), LOCK_EX); });
+  UserDefaults settings(file);
+  EXPECT_LT(seconds([&] { EXPECT_EQ(settings.get<std::string>("k"), "old"); }), 3);
+  kill(opening, SIGKILL);
+  EXPECT_LT(seconds([&] { EXPECT_EQ(settings.get<std::string>("k"), "old"); }), 1);
+  EXPECT_LT(seconds([&] { settings.set("k", "new"s); }), 3);
+  for (const auto& key : {"a", "b", "c"}) {
+    EXPECT_LT(seconds([&] { settings.set(key, true); }), 1);
+    EXPECT_LT(seconds([&] { EXPECT_EQ(settings.get<std::string>("k"), "new"); }), 1);
+  }
+  kill(writing, SIGKILL);
+  waitpid(opening, nullptr, 0);
+  waitpid(writing, nullptr, 0);
+  settings.set("d", true);
+  UserDefaults other(file);
+  EXPECT_EQ(other.get<std::string>("k"), "new") << "what had to wait went with the next";
+  for (const auto& key : {"a", "b", "c", "d"}) EXPECT_EQ(other.get<bool>(key), true) << key;
+}
+
+// A process that has no home from the beginning.
+struct WithoutAHome {
+  WithoutAHome() {
+    for (const char* variable : {"XDG_DATA_HOME", "HOME"}) setenv(variable, "relative", 1);
+    // A user that the system doesn't know, with all of root's rights.
+    isSo = geteuid() == 0 && setresuid(54321, 0, 0) == 0;
+  }
+  bool isSo;
+};
+
+class Initialization : WithoutAHome, public test::ServiceFixture {
+ protected:
+  using WithoutAHome::isSo;
+};
+
+TEST_F(Initialization, NeedsNoHome) {
+  if (!isSo) GTEST_SKIP() << "only root can become a user without a home";
+  answer("retrieveDeviceId", test::Reply::json(200, R"({"uuid":"u-1"})"));
+  answer("create_link", test::Reply::json(201, R"({"short_url":"https://go/x"})"));
+  Quorva::initialize(QVConfiguration("qk", false, nullptr));
+  EXPECT_TRUE(test::drainUntil([] { return StorageKeys::anonymousId.get() == "u-1"; }));
+  const auto link = outcome(Quorva::createDynamicLink(QVDynamicLinkBuilder("https://d", "go")));
+  EXPECT_TRUE(link) << "with the key and the identifier of this process";
+  for (const char* place : {"relative", ".local"}) EXPECT_FALSE(fs::exists(place)) << place;
 }
 
 TEST(StorageKeys, StandUnderTheirKeysInTheApplicationsOwnFile) {

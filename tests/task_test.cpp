@@ -102,7 +102,7 @@ struct Foreign {
     std::suspend_never initial_suspend() noexcept { return {}; }
     std::suspend_never final_suspend() noexcept { return {}; }
     void return_void() {}
-    void unhandled_exception() { std::terminate(); }
+    void unhandled_exception() { throw; }
   };
   std::coroutine_handle<promise_type> handle;
 };
@@ -130,6 +130,18 @@ TEST(Task, ForeignCoroutinesMayAwaitItAndMayGiveUp) {
     EXPECT_TRUE(drainUntil([&] { return steps > 0; })) << "it goes on to its end";
     EXPECT_EQ(steps, givesUp ? 1 : 2);
   }
+}
+
+Foreign awaitingFailure() {
+  co_await failing<MainQueue>();
+}
+
+TEST(Task, AForeignCoroutinesExceptionLeavesThroughTheQueue) {
+  const Foreign host = awaitingFailure();
+  MainQueue::post([] {});
+  EXPECT_THROW((void)drainUntil([] { return false; }), std::runtime_error);
+  EXPECT_EQ(MainQueue::drain(), 1U) << "the rest is there";
+  host.handle.destroy();
 }
 
 TEST(MainQueue, RunsWhatWasQueuedWhenItBeganUnlessALoopInsideAJobHas) {
@@ -187,6 +199,7 @@ TEST(MainQueue, LetsAHostsExceptionOutAndKeepsTheRest) {
 
 TEST(MainQueue, TakesJobsFromManyThreadsAndRunEndsWithStopFromAny) {
   MainQueue::stop();
+  MainQueue::drain();
   MainQueue::run();  // ends at once: the stop was meant for it
   int runs = 0;
   const auto postMany = [&] {

@@ -30,6 +30,18 @@ TEST(Text, TrimsWhitespaceAndNothingElse) {
     EXPECT_EQ(trimmed(text), text);
 }
 
+TEST(Text, IsUTF8WithinTheBoundsOfEachLength) {
+  using namespace std::string_view_literals;
+  for (const auto text : {""sv, "\0\x7F"sv, "\xC2\x80\xDF\xBF"sv, "\xE0\xA0\x80\xEF\xBF\xBF"sv,
+                          "\xED\x9F\xBF\xEE\x80\x80"sv, "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"sv})
+    EXPECT_TRUE(isValidUTF8(text)) << text;
+  for (const auto text :
+       {"\x80"sv, "\xC1\xBF"sv, "\xC2"sv, "\xC2\x7F"sv, "\xC2\xC0"sv, "\xE0\x9F\xBF"sv,
+        "\xED\xA0\x80"sv, "\xE1\x80"sv, "\xE1\x80\xC0"sv, "\xF0\x8F\xBF\xBF"sv,
+        "\xF4\x90\x80\x80"sv, "\xF1\x80\x80"sv, "\xF5\x80\x80\x80"sv, "\xFF"sv})
+    EXPECT_FALSE(isValidUTF8(text)) << text;
+}
+
 TEST(URL, IsKeptEncodedOrRefused) {
   const auto rows = test::vectors("urls.json");
   for (const std::string text : rows.at("kept"))
