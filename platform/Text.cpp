@@ -46,7 +46,7 @@ std::string trimmed(std::string_view text) {
 
 bool isValidUTF8(std::string_view text) {
   const auto byte = [&](std::size_t at) {
-    return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
+    return at < text.size() ? unsigned{static_cast<unsigned char>(text[at])} : 0U;
   };
   for (std::size_t at = 0; at < text.size();) {
     const unsigned lead = byte(at++);

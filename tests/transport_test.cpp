@@ -249,7 +249,7 @@ std::vector<Fault> faultsInReplies() {
       {"a body to the end, cut", "200 half", says(ok("", "half"), cut)},
       {"a reply, then closed", "200 whole", says(whole, close)},
       {"a reply, then cut", "200 whole", says(whole, cut)},
-      {"slowly", "200 xxxxxxxxxxxx", says(ok(length(12)), keepAlive, "x", 12, 100ms), tls, 1s},
+      {"slowly", "200 xxxxxxxxxxxx", says(ok(length(12)), keepAlive, "x", 12, 200ms), tls, 2s},
       {"too slowly", late, says(ok(length(12)), close, "x", 12, 1s), tls, soon},
       // What isn't HTTP.
       {"JSON, bare", unreadable, says("{\"uuid\":\"u\"}\n")},
@@ -340,7 +340,7 @@ std::vector<Fault> faultsInReplies() {
       {"a redirect to nowhere", "307 elsewhere", redirects("")},
       // Answered before the request is read.
       {"413, closed", "413 ", says("HTTP/1.1 413 \r\nContent-Length: 0\r\n\r\n", close), impatient,
-       20s, 8 << 20},
+       20s, 64 << 10},
       {"413, kept", "413 ", says("HTTP/1.1 413 \r\nContent-Length: 0\r\n\r\n", hold), impatient,
        20s, 8 << 20},
       {"reset early", lost, says("", reset), impatient, 20s, 8 << 20},
