@@ -2,9 +2,10 @@
 //
 // TLS 1.2 at least, certificates and host names verified, https only, also after redirects (at most
 // 20: 301, 302 and 303 go on as GET, 307 and 308 as they were); HTTP/2 where offered; connections
-// and in-memory cookies shared by all requests; the proxies that the environment names. Every
-// request has exactly one outcome. Nothing starts before the first request, and nothing is joined
-// at exit.
+// and in-memory cookies shared by all requests, a connection by one at a time; the proxies that the
+// environment names. Every request has exactly one outcome: no reply is taken that is larger than
+// 16 MiB, compressed or not, or whose headers are larger than 256 KiB. Nothing starts before the
+// first request, and nothing is joined at exit.
 
 #pragma once
 

@@ -316,6 +316,7 @@ std::vector<Fault> faultsInReplies() {
       // Compressed.
       {"gzip", "200 whole", says(ok(length(zipped.size()) + gzip, zipped), keepAlive)},
       {"no gzip", unreadable, says(ok(length(4) + gzip, "abcd"), keepAlive)},
+      // curl takes these for whole; what reads JSON won't.
       {"half a gzip", "200 wh", says(ok(length(17) + gzip, zipped.substr(0, 17)), keepAlive)},
       {"a wrong checksum", unreadable,
        says(ok(length(28) + gzip, zipped.substr(0, 24) + "evil"), keepAlive)},
@@ -339,9 +340,7 @@ std::vector<Fault> faultsInReplies() {
       {"a redirect to nonsense", badURL, redirects("https://[::x/")},
       {"a redirect to nowhere", "307 elsewhere", redirects("")},
       // Answered before the request is read.
-      {"413, closed", "413 ", says("HTTP/1.1 413 \r\nContent-Length: 0\r\n\r\n", close), impatient,
-       20s, 64 << 10},
-      {"413, kept", "413 ", says("HTTP/1.1 413 \r\nContent-Length: 0\r\n\r\n", hold), impatient,
+      {"413 early", "413 ", says("HTTP/1.1 413 \r\nContent-Length: 0\r\n\r\n", hold), impatient,
        20s, 8 << 20},
       {"reset early", lost, says("", reset), impatient, 20s, 8 << 20},
   };
