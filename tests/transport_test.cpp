@@ -20,7 +20,6 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using localservice::CertificateAuthority;
 using localservice::Identity;
-using localservice::Validity;
 using test::drainUntil;
 using test::Greeting;
 using test::ReceivedRequest;
@@ -202,7 +201,7 @@ std::vector<Fault> faultsInConnecting(const CertificateAuthority& authority,
   const auto stranger = CertificateAuthority::create();
   const auto noTLS = kind(Code::secureConnectionFailed);
   const auto late = kind(Code::timedOut);
-  using enum Code;
+  using enum URLError::Code;
   return {
       {"refused", kind(cannotConnectToHost), says(""), Greeting::refusal},
       {"closed on accept", noTLS, says(""), Greeting::close},
@@ -316,7 +315,7 @@ std::vector<Fault> faultsInReplies() {
       // Compressed.
       {"gzip", "200 whole", says(ok(length(zipped.size()) + gzip, zipped), keepAlive)},
       {"no gzip", unreadable, says(ok(length(4) + gzip, "abcd"), keepAlive)},
-      // curl takes these for whole; what reads JSON won't.
+      // curl takes it for whole; what reads JSON won't.
       {"half a gzip", "200 wh", says(ok(length(17) + gzip, zipped.substr(0, 17)), keepAlive)},
       {"a wrong checksum", unreadable,
        says(ok(length(28) + gzip, zipped.substr(0, 24) + "evil"), keepAlive)},
