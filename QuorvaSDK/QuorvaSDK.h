@@ -1,12 +1,13 @@
 // QuorvaSDK: short links and deep links for an application.
 //
-//     Quorva::initialize(QVConfiguration("qk_...", /*isDebugEnabled=*/true,
-//     std::make_shared<Links>())); Quorva::createDynamicLink(link, [](std::optional<std::string>
-//     shortLink, std::optional<Error> error) { ... });
+//     const QVConfiguration config("qk_...", /*debug=*/true, std::make_shared<Links>());
+//     Quorva::initialize(config);
+//     Quorva::createDynamicLink(link, [](auto shortLink, auto error) { ... });
 //
 // Threads: call everything on the application's thread, and have it empty the MainQueue, through
-// which all answers come. Lifetimes: nothing runs before the first call, nothing has to be shut
-// down, and the process may exit at any moment. After fork(), only exec() is supported.
+// which all answers come. Lifetimes: no thread runs and no file is opened before the first call,
+// nothing has to be shut down, and the process may exit at any moment. After fork(), only exec() is
+// supported.
 
 #pragma once
 
