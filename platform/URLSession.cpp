@@ -76,10 +76,11 @@ struct TrustStore {
 
   static TrustStore system() {
     const auto* curl = curl_version_info(CURLVERSION_NOW);
-    std::error_code unreadable;
+    std::error_code failed;
     if (curl->capath) {
-      for (const auto& entry : std::filesystem::directory_iterator(curl->capath, unreadable)) {
-        if (entry.path().extension() == ".0") return {nullptr, curl->capath};
+      std::filesystem::directory_iterator entry(curl->capath, failed);
+      for (; !failed && entry != std::filesystem::directory_iterator(); entry.increment(failed)) {
+        if (entry->path().extension() == ".0") return {nullptr, curl->capath};
       }
     }
     return {curl->cainfo, nullptr};
@@ -237,9 +238,10 @@ curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) {
 // Those of the process's sockets that lead nowhere else.
 std::vector<int> localSockets() {
   std::vector<int> sockets;
-  std::error_code unreadable;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", unreadable)) {
-    const int fd = std::stoi(entry.path().filename());
+  std::error_code failed;
+  std::filesystem::directory_iterator entry("/proc/self/fd", failed);
+  for (; !failed && entry != std::filesystem::directory_iterator(); entry.increment(failed)) {
+    const int fd = std::stoi(entry->path().filename());
     int domain = 0;
     socklen_t size = sizeof domain;
     getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size);
@@ -350,12 +352,15 @@ class Network {
     return found == routes_.end() ? std::nullopt : std::optional(found->second);
   }
 
-  // Each transfer has a handle of its own: curl counts the stale connections that a handle has met
-  // in all its transfers, and gives up at the sixth.
   void begin(Transfer& transfer) {
-    transfer.easy = curl_easy_init();
+    if (idle_.empty()) {
+      transfer.easy = curl_easy_init();
+    } else {
+      transfer.easy = idle_.back();
+      idle_.pop_back();
+    }
     if (!configure(transfer) || curl_multi_add_handle(multi_, transfer.easy) != CURLM_OK) {
-      curl_easy_cleanup(transfer.easy);
+      curl_easy_cleanup(std::exchange(transfer.easy, nullptr));
       return transfer.finish(
           URLError(Code::cannotConnectToHost, "the request could not be set up"));
     }
@@ -463,7 +468,12 @@ class Network {
     std::erase(underWay_, &transfer);
     CURL* easy = std::exchange(transfer.easy, nullptr);
     curl_multi_remove_handle(multi_, easy);
-    curl_easy_cleanup(easy);
+    // A system's error is what a handle never forgets.
+    if (info<long>(easy, CURLINFO_OS_ERRNO)) return curl_easy_cleanup(easy);
+    // Else it forgets all of the transfer, also how many stale connections it has met: at the sixth
+    // in all its transfers it would give up.
+    curl_easy_reset(easy);
+    idle_.push_back(easy);
   }
 
   std::mutex mutex_;
@@ -483,6 +493,7 @@ class Network {
   // The network thread's:
   std::deque<Transfer*> waiting_;
   std::vector<Transfer*> underWay_;
+  std::vector<CURL*> idle_;                                    // handles between transfers
   Clock::time_point nextDeadline_ = Clock::time_point::max();  // of all the first, or earlier
 };
 
