@@ -19,14 +19,18 @@
 
 namespace quorva::test {
 
-/// A fresh installation whose requests go to `server`, which answers an unscripted path with 404.
+/// A fresh installation whose requests go to `server`, which answers each well until it is told
+/// otherwise.
 class ServiceFixture : public testing::Test {
  protected:
   ServiceFixture() {
     StorageKeys::apiKey.set(std::nullopt);
     StorageKeys::anonymousId.set(std::nullopt);
-    answer("device_ping", Reply::json(200, "{}"));
-    answer("getAnyDeferredDeeplinks", Reply::json(200, "{}"));
+    answer("retrieveDeviceId", 200, R"({"uuid":"u-1"})");
+    answer("device_ping", 200, "{}");
+    answer("create_link", 201, R"({"short_url":"https://go/x"})");
+    answer("resolve", 200, R"({"destination_url":"https://d"})");
+    answer("getAnyDeferredDeeplinks", 200, "{}");
     useLocalService(server.port(), caFile);
   }
 
@@ -34,6 +38,9 @@ class ServiceFixture : public testing::Test {
   void answer(const std::string& path, Reply reply) {
     const std::scoped_lock lock(mutex_);
     replies_.insert_or_assign("/app/api/v1/" + path, std::move(reply));
+  }
+  void answer(const std::string& path, int status, std::string_view body) {
+    answer(path, Reply::json(status, body));
   }
 
   /// The requests to `path` so far.
@@ -47,16 +54,6 @@ class ServiceFixture : public testing::Test {
   static void store(std::optional<std::string> key, std::optional<std::string> identifier) {
     StorageKeys::apiKey.set(std::move(key));
     StorageKeys::anonymousId.set(std::move(identifier));
-  }
-
-  /// Runs `task` to its end.
-  template <class T, class Executor>
-  static Result<T> outcome(Task<T, Executor> task) {
-    std::optional<Result<T>> outcome;
-    start(std::move(task), [&](Result<T> result) { outcome = std::move(result); });
-    if (!drainUntil([&] { return outcome.has_value(); }))
-      throw std::runtime_error("the task didn't end");
-    return *outcome;
   }
 
   /// In words, for tables: "QuorvaError 4", "URLError -1011", "DecodingError 0".
@@ -89,7 +86,8 @@ class ServiceFixture : public testing::Test {
     writeFile(directory_.path() / "ca.pem", authority().certificatePEM());
     return directory_.path() / "ca.pem";
   }();
-  ScriptedServer server{authority().issue({serviceHost()}), [this](const ReceivedRequest& request) {
+  const localservice::Identity identity = authority().issue({serviceHost()});
+  ScriptedServer server{identity, [this](const ReceivedRequest& request) {
                           const std::scoped_lock lock(mutex_);
                           const auto found = replies_.find(request.target);
                           return found == replies_.end() ? Reply::json(404, "{}") : found->second;

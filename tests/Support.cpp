@@ -36,6 +36,9 @@ TemporaryDirectory::TemporaryDirectory() {
   std::string name = std::filesystem::temp_directory_path() / "quorva-test-XXXXXX";
   if (!mkdtemp(name.data())) throw std::runtime_error("no temporary directory");
   path_ = name;
+  if (geteuid() == 0 && chown(name.c_str(), nobody, nobody) != 0) {
+    throw std::runtime_error("no directory for nobody");
+  }
 }
 
 TemporaryDirectory::~TemporaryDirectory() {
@@ -100,6 +103,15 @@ std::vector<std::string> Console::waitForLines(std::size_t count) {
 
 int rounds(int usually, int beforeRelease) {
   return std::getenv("QUORVA_ENDURANCE") ? beforeRelease : usually;
+}
+
+double secondsSince(Clock::time_point begun) {
+  return std::chrono::duration<double>(Clock::now() - begun).count();
+}
+
+std::ptrdiff_t matches(const std::string& text, const std::string& pattern) {
+  const std::regex regex(pattern);
+  return std::distance(std::sregex_iterator(text.begin(), text.end(), regex), {});
 }
 
 void writeFile(const std::filesystem::path& file, const std::string& text) {

@@ -3,14 +3,25 @@
 
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "platform/Task.h"
 
 namespace quorva::test {
 
-/// A directory of its own, gone with the value.
+/// The user whom permissions stop, where the tests run as root.
+constexpr uid_t nobody = 65534;
+
+/// A directory of its own, which is nobody's where it would be root's. Gone with the value.
 class TemporaryDirectory {
  public:
   TemporaryDirectory();
@@ -27,6 +38,16 @@ class TemporaryDirectory {
 /// Empties the main queue until `happened` holds; false if it doesn't within 20 seconds. Looks
 /// again whenever there was something in the queue or there is something to read from `descriptor`.
 [[nodiscard]] bool drainUntil(const std::function<bool()>& happened, int descriptor = -1);
+
+/// Runs `task` to its end.
+template <class T, class Executor>
+[[nodiscard]] platform::Result<T> outcome(platform::Task<T, Executor> task) {
+  std::optional<platform::Result<T>> outcome;
+  start(std::move(task), [&](platform::Result<T> result) { outcome = std::move(result); });
+  if (outcome) throw std::logic_error("the callback came inside start");
+  if (!drainUntil([&] { return outcome.has_value(); })) throw std::runtime_error("no outcome");
+  return *outcome;
+}
 
 /// Takes what is written to standard output as long as it lives, for log lines.
 class Console {
@@ -53,6 +74,11 @@ class Console {
 /// How often a test of endurance repeats itself: `usually`, or `beforeRelease` where
 /// QUORVA_ENDURANCE is set, as `./run endurance` does.
 [[nodiscard]] int rounds(int usually, int beforeRelease);
+
+[[nodiscard]] double secondsSince(std::chrono::steady_clock::time_point begun);
+
+/// How often the regular expression matches.
+[[nodiscard]] std::ptrdiff_t matches(const std::string& text, const std::string& pattern);
 
 void writeFile(const std::filesystem::path& file, const std::string& text);
 

@@ -2,23 +2,14 @@
 
 #pragma once
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
 
 namespace quorva::test {
 
-inline nlohmann::json vectors(const std::string& name) {
-  std::ifstream file(QUORVA_TEST_VECTORS "/" + name);
-  return nlohmann::json::parse(file);
-}
+[[nodiscard]] nlohmann::json vectors(const std::string& name);
 
 /// The bytes that `hex` spells.
-inline std::string bytes(const std::string& hex) {
-  std::string text;
-  for (std::size_t i = 0; i < hex.size(); i += 2)
-    text += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  return text;
-}
+[[nodiscard]] std::string bytes(const std::string& hex);
 
 }  // namespace quorva::test

@@ -5,6 +5,9 @@
 #include <array>
 #include <limits>
 
+#include "QuorvaSDK/Encodable+Extensions.h"
+#include "QuorvaSDK/QVDynamicLinkBuilder.h"
+#include "QuorvaSDK/ResolvedLink.h"
 #include "platform/Codable.h"
 #include "tests/Vectors.h"
 
@@ -52,6 +55,13 @@ std::string outcome(std::string_view json) {
   }
 }
 
+// The same, as an application has it decoded.
+template <class T>
+std::string publicOutcome(std::string_view json) {
+  const auto value = JSONDecoder().decode<T>(json);
+  return value ? *JSONEncoder().encode(*value) : name(*value.error().template as<DecodingError>());
+}
+
 }  // namespace
 
 template <>
@@ -72,9 +82,11 @@ TEST(JSON, DecodesToTheValueOrTheRightError) {
       {"Int", outcome<std::int64_t>},
       {"String", outcome<std::string>},
       {"String?", outcome<std::optional<std::string>>},
-      {"Bool", outcome<bool>}};
+      {"Bool", outcome<bool>},
+      {"link", publicOutcome<QVDynamicLinkBuilder>},
+      {"ResolvedLink", publicOutcome<ResolvedLink>}};
   const auto rows = test::vectors("decoding.json");
-  EXPECT_EQ(rows.size(), 122U);
+  EXPECT_EQ(rows.size(), 144U);
   for (const auto& row : rows) {
     const std::string json =
         row.contains("json") ? row.at("json").get<std::string>() : test::bytes(row.at("json_hex"));

@@ -5,7 +5,6 @@
 #include "QuorvaSDK/Encodable+Extensions.h"
 #include "QuorvaSDK/QVDynamicLinkBuilder.h"
 #include "QuorvaSDK/QVLogger.h"
-#include "QuorvaSDK/ResolvedLink.h"
 #include "QuorvaSDK/StorageKeys.h"
 #include "tests/Support.h"
 
@@ -81,35 +80,6 @@ TEST(Builder, TakesNoteOfKeyAndIdentifierWhenItIsMade) {
   EXPECT_NE(before, between);
 }
 
-TEST(Builder, DecodesAsTheTextSaysOrFailsAtTheFirstKey) {
-  EXPECT_EQ(text(*decoded(R"({"ios_behavior":1,"link_name":null,"utm_term":" t ","more":[],
-                              "domain":"","destination_url":" d","android_behavior":2})")),
-            R"({"android_behavior":2,"destination_url":" d","domain":"","ios_behavior":1,)"
-            R"("utm_term":" t "})");
-
-  using enum DecodingError::Kind;
-  const std::tuple<std::string, DecodingError::Kind, std::string> rows[] = {
-      {"[]", typeMismatch, ""},
-      {"null", valueNotFound, ""},
-      {"{", dataCorrupted, ""},
-      {"{}", keyNotFound, "android_behavior"},
-      {R"({"android_behavior":0})", dataCorrupted, "android_behavior"},
-      {R"({"android_behavior":"2"})", typeMismatch, "android_behavior"},
-      {R"({"android_behavior":true})", typeMismatch, "android_behavior"},
-      {R"({"android_behavior":null})", valueNotFound, "android_behavior"},
-      {R"({"android_behavior":1,"destination_url":null})", valueNotFound, "destination_url"},
-      {R"({"android_behavior":1,"destination_url":"d","domain":7})", typeMismatch, "domain"},
-      {R"({"android_behavior":1,"destination_url":"d","domain":""})", keyNotFound, "ios_behavior"},
-      {R"({"android_behavior":9,"api_key":false})", typeMismatch, "api_key"},
-      {R"({"utm_term":{},"link_name":1,)" + bare.substr(1) + "}", typeMismatch, "link_name"}};
-  for (const auto& [json, kind, key] : rows) {
-    const auto result = decoded(json);
-    ASSERT_FALSE(result) << json;
-    EXPECT_EQ(result.error().as<DecodingError>()->kind, kind) << json;
-    EXPECT_EQ(result.error().as<DecodingError>()->codingPath, key.empty() ? Texts{} : Texts{key});
-  }
-}
-
 TEST(Builder, NamesItsEmptyRequiredFields) {
   EXPECT_EQ(emptyRequiredFields(QVDynamicLinkBuilder("", "\t")),
             (Texts{"destinationURL", "domain"}));
@@ -127,21 +97,6 @@ TEST(Dictionary, IsWhatAnObjectEncodesTo) {
   EXPECT_EQ(toDictionary(JSONValue(JSONValue::Array{})), std::nullopt);
   EXPECT_EQ(toDictionary(JSONValue("text")), std::nullopt);
   EXPECT_EQ(console.text(), "") << "what is no dictionary is no failure";
-}
-
-TEST(Resolved, IsAnObjectOfUpToTwoURLs) {
-  for (const char* json : {"{}", R"({"originalURL":"https:\/\/go"})",
-                           R"({"link":"https:\/\/d?a=b#c","originalURL":"https:\/\/go"})"}) {
-    EXPECT_EQ(*JSONEncoder().encode(*JSONDecoder().decode<ResolvedLink>(json)), json);
-  }
-  const auto kind = [](std::string_view json) {
-    return JSONDecoder().decode<ResolvedLink>(json).error().as<DecodingError>()->kind;
-  };
-  EXPECT_TRUE(JSONDecoder().decode<ResolvedLink>(R"({"link":null,"Link":1})"));
-  EXPECT_EQ(kind(R"({"link":1,"originalURL":"no URL"})"), DecodingError::Kind::typeMismatch);
-  EXPECT_EQ(kind(R"({"originalURL":"no URL"})"), DecodingError::Kind::dataCorrupted);
-  EXPECT_EQ(kind(R"({"link":""})"), DecodingError::Kind::dataCorrupted);
-  EXPECT_EQ(kind("[]"), DecodingError::Kind::typeMismatch);
 }
 
 }  // namespace

@@ -1,23 +1,19 @@
 // The settings store: what it keeps, and what it survives.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/file.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
-#include <fstream>
-#include <functional>
-#include <tuple>
+#include <csignal>
 #include <utility>
 
 #include "QuorvaSDK/StorageKeys.h"
 #include "platform/Bundle.h"
 #include "platform/UserDefaults.h"
+#include "tests/Process.h"
 #include "tests/ServiceFixture.h"
 
 namespace quorva::platform {
@@ -66,50 +62,6 @@ TEST_F(Settings, AreTheOwnersAlone) {
     EXPECT_EQ(fs::status(file.string() + suffix).permissions(), fs::perms(0600)) << suffix;
 }
 
-TEST_F(Settings, SetADamagedFileAside) {
-  const std::tuple<const char*, int, std::string> rows[] = {
-      {"no database at all", 0, std::string(8192, 'x')},
-      {"a header that means nothing", 0, "SQLite format 4"},
-      {"pages that mean nothing", 100, std::string(8000, '\xAA')}};
-  for (const auto& [what, offset, bytes] : rows) {
-    SCOPED_TRACE(what);
-    fs::remove_all(file.parent_path());
-    UserDefaults(file).set("k", "old"s);
-    std::fstream(file, std::ios::in | std::ios::out).seekp(offset) << bytes;
-    UserDefaults settings(file);
-    EXPECT_EQ(settings.get<std::string>("k"), std::nullopt);
-    settings.set("k", "new"s);
-    EXPECT_EQ(UserDefaults(file).get<std::string>("k"), "new") << "kept in a file again";
-    EXPECT_TRUE(fs::exists(file.string() + ".damaged"));
-  }
-}
-
-TEST_F(Settings, FindDamageThatComesLater) {
-  UserDefaults settings(file);
-  settings.set("k", "old"s);
-  execute("PRAGMA wal_checkpoint(TRUNCATE)");
-  test::writeFile(file, std::string(8192, 'x'));
-  EXPECT_EQ(settings.get<std::string>("k"), std::nullopt);
-  settings.set("k", "new"s);
-  EXPECT_EQ(UserDefaults(file).get<std::string>("k"), "new");
-}
-
-TEST_F(Settings, LiveInMemoryWhereNothingCanBeWritten) {
-  test::writeFile(directory.path() / "blocked", "a file where a directory is wanted");
-  UserDefaults settings(directory.path() / "blocked" / "quorva" / "app.sqlite");
-  settings.set("k", "v"s);
-  EXPECT_EQ(settings.get<std::string>("k"), "v");
-  settings.set("k", std::nullopt);
-  EXPECT_EQ(settings.get<std::string>("k"), std::nullopt);
-
-  UserDefaults full(file);
-  full.set("k", "before"s);
-  execute("CREATE TRIGGER full BEFORE UPDATE ON settings BEGIN SELECT RAISE(ABORT, 'full'); END");
-  full.set("k", "after"s);
-  EXPECT_EQ(full.get<std::string>("k"), "after") << "as the process sees it";
-  EXPECT_EQ(UserDefaults(file).get<std::string>("k"), "before");
-}
-
 TEST_F(Settings, LeaveLaterVersionsTheirTable) {
   for (const auto& [change, isKept] :
        {std::pair("ADD COLUMN written REAL", true), {"RENAME COLUMN value TO content", false}}) {
@@ -127,48 +79,36 @@ TEST_F(Settings, LeaveLaterVersionsTheirTable) {
 }
 
 TEST_F(Settings, WaitTwoSecondsForOthersAndHardlyAgain) {
-  // A process that has the file, or only the folder, and doesn't go on.
-  const auto stop = [&](const std::function<void()>& holding) {
-    std::array<int, 2> holds{};
-    EXPECT_EQ(pipe(holds.data()), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      holding();
-      static_cast<void>(!write(holds[1], "", 1));
-      pause();
-    }
-    char told = 0;
-    close(holds[1]);
-    EXPECT_EQ(::read(holds[0], &told, 1), 1);
-    close(holds[0]);
-    return child;
-  };
-  const auto seconds = [](const auto& access) {
-    const auto begun = std::chrono::steady_clock::now();
-    access();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
-  };
-  const pid_t writing = stop([&] {
+  // A process that has the file, and one that has the folder, and neither goes on.
+  test::Process writing([&] {
     UserDefaults(file).set("k", "old"s);
     sqlite3* database = nullptr;
     sqlite3_open(file.c_str(), &database);
     sqlite3_exec(database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    return raise(SIGSTOP) == 0;
   });
-  const pid_t opening =
-      stop([&] { flock(open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY), LOCK_EX); });
+  writing.waitUntilStopped();
+  test::Process opening([&] {
+    flock(open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY), LOCK_EX);
+    return raise(SIGSTOP) == 0;
+  });
+  opening.waitUntilStopped();
+  const auto seconds = [](const auto& access) {
+    const auto begun = std::chrono::steady_clock::now();
+    access();
+    return test::secondsSince(begun);
+  };
   UserDefaults settings(file);
   EXPECT_LT(seconds([&] { EXPECT_EQ(settings.get<std::string>("k"), "old"); }), 3);
-  kill(opening, SIGKILL);
+  opening.signal(SIGKILL);
   EXPECT_LT(seconds([&] { EXPECT_EQ(settings.get<std::string>("k"), "old"); }), 1);
   EXPECT_LT(seconds([&] { settings.set("k", "new"s); }), 3);
   for (const auto& key : {"a", "b", "c"}) {
     EXPECT_LT(seconds([&] { settings.set(key, true); }), 1);
     EXPECT_LT(seconds([&] { EXPECT_EQ(settings.get<std::string>("k"), "new"); }), 1);
   }
-  kill(writing, SIGKILL);
-  waitpid(opening, nullptr, 0);
-  waitpid(writing, nullptr, 0);
+  writing.signal(SIGKILL);
+  for (auto* process : {&opening, &writing}) process->end();
   settings.set("d", true);
   UserDefaults other(file);
   EXPECT_EQ(other.get<std::string>("k"), "new") << "what had to wait went with the next";
@@ -192,11 +132,10 @@ class Initialization : WithoutAHome, public test::ServiceFixture {
 
 TEST_F(Initialization, NeedsNoHome) {
   if (!isSo) GTEST_SKIP() << "only root can become a user without a home";
-  answer("retrieveDeviceId", test::Reply::json(200, R"({"uuid":"u-1"})"));
-  answer("create_link", test::Reply::json(201, R"({"short_url":"https://go/x"})"));
   Quorva::initialize(QVConfiguration("qk", false, nullptr));
   EXPECT_TRUE(test::drainUntil([] { return StorageKeys::anonymousId.get() == "u-1"; }));
-  const auto link = outcome(Quorva::createDynamicLink(QVDynamicLinkBuilder("https://d", "go")));
+  const auto link =
+      test::outcome(Quorva::createDynamicLink(QVDynamicLinkBuilder("https://d", "go")));
   EXPECT_TRUE(link) << "with the key and the identifier of this process";
   for (const char* place : {"relative", ".local"}) EXPECT_FALSE(fs::exists(place)) << place;
 }

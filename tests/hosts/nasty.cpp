@@ -118,29 +118,18 @@ int end(const Arguments& arguments) {
   return status;
 }
 
-// Says what descriptors were inherited, and how many those are.
-int inherited(const Arguments&) {
-  int count = 0;
-  for (int fd = 3; fd < 1024; ++fd) {
-    if (fcntl(fd, F_GETFD) < 0) continue;
-    std::error_code gone;
-    const auto what = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), gone);
-    std::fprintf(stderr, "inherited: %d, %s\n", fd, what.c_str());
-    ++count;
-  }
-  return count;
-}
-
+// Starts a shell that finds three descriptors open, besides the one that finding takes.
 int spawnLooking(bool byFork) {
-  static char self[] = "/proc/self/exe";
-  static char none[] = "-";
-  static char way[] = "inherited";
-  static char* const arguments[] = {self, none, none, way, nullptr};
+  static char shell[] = "/bin/sh";
+  static char option[] = "-c";
+  static char look[] =
+      "test $(ls /proc/self/fd | wc -l) = 4 || { ls -l /proc/self/fd >&2; exit 1; }";
+  static char* const arguments[] = {shell, option, look, nullptr};
   pid_t child = -1;
   if (!byFork) {
-    posix_spawn(&child, self, nullptr, nullptr, arguments, environ);
+    posix_spawn(&child, shell, nullptr, nullptr, arguments, environ);
   } else if ((child = fork()) == 0) {
-    execv(self, arguments);
+    execv(shell, arguments);
     _exit(99);
   }
   int result = -1;
@@ -165,7 +154,8 @@ int spawn(const Arguments&) {
 }
 
 // HANDLING: sends large bodies over connections that are reset, with SIGPIPE left as it was,
-// ignored, or handled; the handler is never called.
+// ignored, or handled; the handler is never called. Nor does any of the library's threads take such
+// a signal that is meant for nobody in particular, which curl alone would not have shown.
 int pipes(const Arguments& arguments) {
   static std::atomic<int> signals = 0;
   if (arguments.at(0) == "ignored") signal(SIGPIPE, SIG_IGN);
@@ -174,7 +164,13 @@ int pipes(const Arguments& arguments) {
   const std::string large(1 << 17, 'x');
   for (int i = 0; i < 32; ++i) request(i, answered, large);
   waitForAnswers(33);
-  return signals;
+  sigset_t brokenPipe;
+  sigemptyset(&brokenPipe);
+  sigaddset(&brokenPipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+  kill(getpid(), SIGPIPE);
+  constexpr timespec notAtAll{};
+  return sigtimedwait(&brokenPipe, nullptr, &notAtAll) == SIGPIPE ? signals.load() : 1;
 }
 
 // COUNT: that many requests, 64 at once; says on standard output what the process held after half
@@ -238,8 +234,8 @@ int scarce(const Arguments& arguments) {
 int main(int argc, char** argv) {
   using namespace quorva::test;
   static const std::map<std::string_view, int (*)(const Arguments&)> ways{
-      {"install", install}, {"kill", killed}, {"end", end},     {"inherited", inherited},
-      {"spawn", spawn},     {"pipes", pipes}, {"flood", flood}, {"scarce", scarce},
+      {"install", install}, {"kill", killed}, {"end", end},       {"spawn", spawn},
+      {"pipes", pipes},     {"flood", flood}, {"scarce", scarce},
   };
   const Arguments arguments(argv + 1, argv + argc);
   alarm(patience);
