@@ -65,6 +65,8 @@ struct Transfer {
   std::size_t headSize = 0;  // of all heads so far
   bool headEnded = false;    // the last one's, by an empty line
   bool isTooLarge = false;
+  int sendings = 0;  // of the request: more than one after a redirect or on a stale connection
+  bool wentSmoothly = false;
   HTTPResponse response;
 };
 
@@ -235,6 +237,11 @@ curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* address) {
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
+int countSending(void* context, char*, char*, int, int) {
+  ++static_cast<Transfer*>(context)->sendings;
+  return CURL_PREREQFUNC_OK;
+}
+
 // Those of the process's sockets that lead nowhere else.
 std::vector<int> localSockets() {
   std::vector<int> sockets;
@@ -314,6 +321,7 @@ class Network {
       {
         const std::scoped_lock lock(atWork_);
         takeSubmitted();
+        beginWaiting();
         int underWay = 0;
         curl_multi_perform(multi_, &underWay);
         int left = 0;
@@ -322,11 +330,7 @@ class Network {
           end(*info<Transfer*>(message->easy_handle, CURLINFO_PRIVATE), message->data.result);
         }
         expire();
-        while (!waiting_.empty() && underWay_.size() < atOnce) {
-          Transfer* const next = waiting_.front();
-          waiting_.pop_front();
-          begin(*next);
-        }
+        if (beginWaiting()) continue;
       }
       const auto wait = std::chrono::ceil<std::chrono::milliseconds>(nextDeadline_ - Clock::now());
       curl_waitfd wakeup{wakeup_, CURL_WAIT_POLLIN, 0};
@@ -346,6 +350,17 @@ class Network {
     }
   }
 
+  // Begins as many as may be under way; whether there were any.
+  bool beginWaiting() {
+    bool hasBegun = false;
+    for (; !waiting_.empty() && underWay_.size() < atOnce; hasBegun = true) {
+      Transfer* const next = waiting_.front();
+      waiting_.pop_front();
+      begin(*next);
+    }
+    return hasBegun;
+  }
+
   std::optional<URLSession::Route> routeTo(const std::string& host) {
     const std::scoped_lock lock(mutex_);
     const auto found = routes_.find(host);
@@ -353,18 +368,46 @@ class Network {
   }
 
   void begin(Transfer& transfer) {
-    if (idle_.empty()) {
-      transfer.easy = curl_easy_init();
-    } else {
-      transfer.easy = idle_.back();
-      idle_.pop_back();
-    }
+    transfer.easy = takeHandle();
     if (!configure(transfer) || curl_multi_add_handle(multi_, transfer.easy) != CURLM_OK) {
       curl_easy_cleanup(std::exchange(transfer.easy, nullptr));
       return transfer.finish(
           URLError(Code::cannotConnectToHost, "the request could not be set up"));
     }
     underWay_.push_back(&transfer);
+  }
+
+  // A handle with all that is the same for each transfer; null if there is none to be had.
+  CURL* takeHandle() {
+    if (!idle_.empty()) {
+      CURL* easy = idle_.back();
+      idle_.pop_back();
+      return easy;
+    }
+    Options options(curl_easy_init());
+    options.set(CURLOPT_PROTOCOLS_STR, "https");
+    options.set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
+    options.set(CURLOPT_FOLLOWLOCATION, 1L);
+    options.set(CURLOPT_MAXREDIRS, maximumRedirects);
+    options.set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t{maximumSize});
+    options.set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
+    options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
+    options.set(CURLOPT_SHARE, share_);
+    options.set(CURLOPT_COOKIEFILE, "");  // cookies, and in memory
+    options.set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
+    options.set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
+    options.set(CURLOPT_NOSIGNAL, 1L);
+    options.set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
+    options.set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
+    options.set(CURLOPT_PREREQFUNCTION, countSending);
+    options.set(CURLOPT_HEADERFUNCTION, takeHeader);
+    options.set(CURLOPT_WRITEFUNCTION, takeBody);
+    options.set(CURLOPT_XFERINFOFUNCTION, takeProgress);
+    options.set(CURLOPT_NOPROGRESS, 0L);
+    options.set(CURLOPT_POST, 1L);
+    if (options.accepted) return options.easy;
+    curl_easy_cleanup(options.easy);
+    return nullptr;
   }
 
   bool configure(Transfer& transfer) {
@@ -383,38 +426,20 @@ class Network {
       append(transfer.connectTo,
              request.url.host() + "::127.0.0.1:" + std::to_string(routed->port));
 
-    options.set(CURLOPT_PROTOCOLS_STR, "https");
-    options.set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
-    options.set(CURLOPT_FOLLOWLOCATION, 1L);
-    options.set(CURLOPT_MAXREDIRS, maximumRedirects);
-    options.set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t{maximumSize});
-    options.set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_2TLS});
-    options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});
-    options.set(CURLOPT_SHARE, share_);
-    options.set(CURLOPT_COOKIEFILE, "");  // cookies, and in memory
-    options.set(CURLOPT_USERAGENT, curl_version_info(CURLVERSION_NOW)->version);
-    options.set(CURLOPT_ACCEPT_ENCODING, "");  // all that curl can undo
-    options.set(CURLOPT_NOSIGNAL, 1L);
-    options.set(CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody up
-    options.set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
-    options.set(CURLOPT_HEADERFUNCTION, takeHeader);
-    options.set(CURLOPT_WRITEFUNCTION, takeBody);
-    options.set(CURLOPT_XFERINFOFUNCTION, takeProgress);
-    options.set(CURLOPT_NOPROGRESS, 0L);
-    options.set(CURLOPT_POST, 1L);
+    options.set(CURLOPT_ERRORBUFFER, transfer.message.data());
     options.set(CURLOPT_URL, request.url.absoluteString().c_str());
     options.set(CURLOPT_HTTPHEADER, transfer.headers.get());
     options.set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
     options.set(CURLOPT_POSTFIELDS, request.body.data());
     options.set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.timeout.count()));
     options.set(CURLOPT_CONNECT_TO, transfer.connectTo.get());
-    if (routed) options.set(CURLOPT_NOPROXY, "*");
+    options.set(CURLOPT_NOPROXY, routed ? "*" : nullptr);
     options.set(CURLOPT_CAINFO, routed ? routed->certificateAuthority.c_str() : trust_.file);
     options.set(CURLOPT_CAPATH, routed ? nullptr : trust_.folder);
+    options.set(CURLOPT_PREREQDATA, &transfer);
     options.set(CURLOPT_HEADERDATA, &transfer);
     options.set(CURLOPT_WRITEDATA, &transfer);
     options.set(CURLOPT_XFERINFODATA, &transfer);
-    options.set(CURLOPT_ERRORBUFFER, transfer.message.data());
     options.set(CURLOPT_PRIVATE, &transfer);
     return options.accepted;
   }
@@ -436,6 +461,7 @@ class Network {
     std::string cause =
         transfer.message.front() ? transfer.message.data() : curl_easy_strerror(code);
     const Code error = answered ? Code() : errorCode(transfer.easy, code);
+    transfer.wentSmoothly = code == CURLE_OK;
     release(transfer);
     if (answered) return transfer.finish(std::move(transfer.response));
     transfer.finish(URLError(error, std::move(cause)));
@@ -468,11 +494,10 @@ class Network {
     std::erase(underWay_, &transfer);
     CURL* easy = std::exchange(transfer.easy, nullptr);
     curl_multi_remove_handle(multi_, easy);
-    // A system's error is what a handle never forgets.
-    if (info<long>(easy, CURLINFO_OS_ERRNO)) return curl_easy_cleanup(easy);
-    // Else it forgets all of the transfer, also how many stale connections it has met: at the sixth
-    // in all its transfers it would give up.
-    curl_easy_reset(easy);
+    // A handle remembers a system's error, and counts the stale connections that it has met in all
+    // its transfers, to give up at the sixth.
+    if (!transfer.wentSmoothly || info<long>(easy, CURLINFO_OS_ERRNO) || transfer.sendings > 1)
+      return curl_easy_cleanup(easy);
     idle_.push_back(easy);
   }
 
