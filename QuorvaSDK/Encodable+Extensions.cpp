@@ -8,8 +8,9 @@ using platform::JSONValue;
 
 std::optional<JSONValue::Object> toDictionary(const JSONValue& encoded) {
   try {
-    const JSONValue parsed = platform::parseJSON(platform::serializeJSON(encoded).value()).value();
-    const auto* dictionary = parsed.as<JSONValue::Object>();
+    static_cast<void>(
+        platform::serializeJSON(encoded).value());  // what can't be written is no JSON
+    const auto* dictionary = encoded.as<JSONValue::Object>();
     return dictionary ? std::optional(*dictionary) : std::nullopt;
   } catch (const platform::Error& error) {
     QVLogger::log(LogLevel::error,

@@ -21,8 +21,10 @@ using platform::URLSession;
 template <class T>
 using Call = QVNetworkManager::Call<T>;
 
-URL endpoint(std::string_view text) {
-  const auto url = URL::parse(text);
+// Parsed once, and kept for good: calls may be under way while the process exits.
+template <const std::string_view& text>
+const URL& endpoint() {
+  static const auto& url = *new std::optional<URL>(URL::parse(text));
   if (!url) throw Error(URLError(URLError::Code::badURL));
   return *url;
 }
@@ -30,7 +32,7 @@ URL endpoint(std::string_view text) {
 Call<HTTPResponse> send(URL url, JSONValue::Object body) {
   URLRequest request(std::move(url));
   request.headers = {"Content-Type: application/json"};
-  request.body = platform::serializeJSON(body).value();
+  request.body = platform::serializeJSON(std::move(body)).value();
   co_return co_await URLSession::post(std::move(request));
 }
 
@@ -128,14 +130,14 @@ Call<std::optional<std::string>> QVNetworkManager::retrieveDeviceId(std::string 
       {"ref_id", ""},
   };
   const HTTPResponse response =
-      co_await send(endpoint(QVUrls::retrieveDeviceIdUrl), std::move(body));
+      co_await send(endpoint<QVUrls::retrieveDeviceIdUrl>(), std::move(body));
   co_return classify<IdentityResponse>(response, &refusedKey).uuid;
 }
 
 Call<CreateDynaminLinkResponse> QVNetworkManager::createLink(QVDynamicLinkBuilder builder) {
   if (!StorageKeys::apiKey.get()) throw Error(QuorvaError(QuorvaError::invalidAPIKey));
   if (!StorageKeys::anonymousId.get()) throw Error(QuorvaError::missing({"anonymousId"}));
-  URL url = endpoint(QVUrls::createLinkUrl);
+  URL url = endpoint<QVUrls::createLinkUrl>();
   std::vector<std::string> empty = emptyRequiredFields(builder);
   if (!empty.empty()) throw Error(QuorvaError::missing(std::move(empty)));
   JSONValue::Object body = toDictionary(builder).value_or(JSONValue::Object());
@@ -146,12 +148,12 @@ Call<CreateDynaminLinkResponse> QVNetworkManager::createLink(QVDynamicLinkBuilde
 Call<std::optional<std::string>> QVNetworkManager::resolveLink(URL link) {
   JSONValue::Object body = storedInstallation();
   body.emplace_back("short_url", link.absoluteString());
-  const HTTPResponse response = co_await send(endpoint(QVUrls::resolveUrl), std::move(body));
+  const HTTPResponse response = co_await send(endpoint<QVUrls::resolveUrl>(), std::move(body));
   co_return classify<ResolvedDeeplinkResponse>(response).destinationUrl;
 }
 
 Call<DeferredDeeplinkResponse> QVNetworkManager::getAnyDeferredDeeplinks() {
-  URL url = endpoint(QVUrls::deferredDeeplinksUrl);
+  URL url = endpoint<QVUrls::deferredDeeplinksUrl>();
   JSONValue::Object body = storedInstallation();
   const HTTPResponse response = co_await send(std::move(url), std::move(body));
   co_return classify<DeferredDeeplinkResponse>(response);

@@ -90,23 +90,29 @@ JSONValue read(ondemand::value source, int depth) {
   throw simdjson::simdjson_error(simdjson::TAPE_ERROR);
 }
 
+// For each byte of a text the letter of its escape: 'u' where only its code will do, 0 where it may
+// stand as it is.
+constexpr auto escapes = [] {
+  std::array<char, 256> letters{};
+  std::fill_n(letters.begin(), 0x20, 'u');
+  constexpr std::string_view pairs = "\"\"\\\\//\bb\ff\nn\rr\tt";
+  for (std::size_t i = 0; i < pairs.size(); i += 2)
+    letters[static_cast<unsigned char>(pairs[i])] = pairs[i + 1];
+  return letters;
+}();
+
 void write(std::string& out, std::string_view text) {
   constexpr std::string_view hex = "0123456789abcdef";
   if (!isValidUTF8(text)) throwError(EncodingError{});
+  const auto letter = [](char c) { return escapes[static_cast<unsigned char>(c)]; };
   out += '"';
-  for (const char c : text) {
-    // The short escapes, each character next to its letter.
-    constexpr std::string_view escapes = "\"\"\\\\//\bb\ff\nn\rr\tt";
-    std::size_t at = 0;
-    while (at < escapes.size() && escapes[at] != c) at += 2;
-    if (at < escapes.size()) {
-      out += {'\\', escapes[at + 1]};
-    } else if (const auto code = static_cast<unsigned char>(c); code < 0x20) {
-      out += "\\u00";
-      out += {hex[code >> 4], hex[code & 15]};
-    } else {
-      out += c;
-    }
+  for (auto rest = text.begin();;) {
+    const auto next = std::find_if(rest, text.end(), letter);
+    out.append(rest, next);
+    if (next == text.end()) break;
+    out += {'\\', letter(*next)};
+    if (letter(*next) == 'u') out += {'0', '0', hex[*next >> 4U], hex[*next & 15U]};
+    rest = next + 1;
   }
   out += '"';
 }

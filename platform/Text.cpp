@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstring>
 
 namespace quorva::platform {
 namespace {
@@ -49,6 +51,14 @@ bool isValidUTF8(std::string_view text) {
     return at < text.size() ? unsigned{static_cast<unsigned char>(text[at])} : 0U;
   };
   for (std::size_t at = 0; at < text.size();) {
+    // Eight characters of ASCII at once, since nearly all are.
+    if (std::uint64_t eight = 0; text.size() - at >= sizeof eight) {
+      std::memcpy(&eight, text.data() + at, sizeof eight);
+      if (!(eight & 0x8080808080808080)) {
+        at += sizeof eight;
+        continue;
+      }
+    }
     const unsigned lead = byte(at++);
     if (lead < 0x80) continue;
     if (lead < 0xC2 || lead > 0xF4) return false;
