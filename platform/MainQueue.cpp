@@ -40,12 +40,12 @@ State& state() {
 // Makes fd readable. Gives what is to be called once the lock is released.
 [[nodiscard]] std::shared_ptr<const Job> arm(State& queue) {
   if (std::exchange(queue.armed, true)) return nullptr;
-  eventfd_write(queue.fd, 1);
+  if (queue.fd >= 0) eventfd_write(queue.fd, 1);
   return queue.wake;
 }
 
 void disarm(State& queue) {
-  if (!std::exchange(queue.armed, false)) return;
+  if (!std::exchange(queue.armed, false) || queue.fd < 0) return;
   eventfd_t ignored;
   eventfd_read(queue.fd, &ignored);
 }
