@@ -277,16 +277,17 @@ class Network {
   }
 
   void submit(Transfer& transfer) {
-    {
-      const std::scoped_lock lock(mutex_);
-      if (!running_) running_ = start();
-      if (running_) {
-        submitted_.push_back(&transfer);
-        eventfd_write(wakeup_, 1);
-        return;
-      }
+    std::unique_lock lock(mutex_);
+    if (!running_) running_ = start();
+    if (!running_) {
+      lock.unlock();
+      return transfer.finish(
+          URLError(Code::cannotConnectToHost, "the network could not be set up"));
     }
-    transfer.finish(URLError(Code::cannotConnectToHost, "the network could not be set up"));
+    submitted_.push_back(&transfer);
+    const bool isFirst = submitted_.size() == 1;  // else the thread is being woken
+    lock.unlock();
+    if (isFirst) eventfd_write(wakeup_, 1);
   }
 
   void route(std::string host, URLSession::Route route) {
@@ -337,7 +338,7 @@ class Network {
       curl_multi_poll(multi_, &wakeup, 1,
                       static_cast<int>(std::clamp<long>(wait.count(), 0, 60'000)), nullptr);
       eventfd_t ignored;
-      eventfd_read(wakeup_, &ignored);
+      if (wakeup.revents) eventfd_read(wakeup_, &ignored);
     }
   }
 
