@@ -32,11 +32,14 @@ constexpr std::array<const char*, 3> suffixes = {"", "-wal", "-shm"};
 constexpr std::size_t indexAt = 2;
 constexpr off_t indexSize = 32768;  // at least, while it's open
 
+// A new file isn't waited for until it's on the disk: without power it would be lost as its first
+// values would, which aren't waited for either.
 constexpr const char* schema =
+    "PRAGMA synchronous = OFF;"
     "PRAGMA journal_mode = WAL;"
-    "PRAGMA synchronous = NORMAL;"
     "CREATE TABLE IF NOT EXISTS settings (key TEXT NOT NULL PRIMARY KEY, value NOT NULL) WITHOUT "
-    "ROWID;";
+    "ROWID;"
+    "PRAGMA synchronous = NORMAL;";
 
 struct Close {
   void operator()(sqlite3* database) const { sqlite3_close(database); }
