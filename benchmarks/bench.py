@@ -114,8 +114,8 @@ class Bench:
         return json.loads(run(*wrapper, self.programs / "bare", self.ports[protocol],
                               certificates or self.certificate, calls, at_once, *thread))
 
-    def instructions(self, program, few, many, **options):
-        """Of one call, as the slope between few calls and many: the median of three."""
+    def instructions(self, program, few, many, rounds=3, **options):
+        """Of one call, as the slope between few calls and many."""
         def count(calls):
             counted = self.folder / "callgrind"
             # The same code of OpenSSL's on every machine.
@@ -124,7 +124,7 @@ class Bench:
             program(calls=calls, wrapper=wrapper, **options)
             return int(re.search(r"^(?:summary|totals): (\d+)", counted.read_text(), re.M)[1])
 
-        return statistics.median((count(many) - count(few)) / (many - few) for _ in range(3))
+        return statistics.median((count(many) - count(few)) / (many - few) for _ in range(rounds))
 
 
 def alternating(*measure, rounds=ROUNDS):
@@ -181,8 +181,8 @@ def in_flight(bench, report):
         report.add("memory per call, 10,000 at once, %s" % protocol,
                    (result["peak"] - result["before"]) / 10000, "KiB")
         report.add("connections, 10,000 at once, %s" % protocol, opened, "connections")
-        one = bench.instructions(bench.library, 500, 1000, protocol=protocol, at_once=1)
-        many = bench.instructions(bench.library, 5000, 10000, protocol=protocol, at_once=10000)
+        one = bench.instructions(bench.library, 500, 1500, 1, protocol=protocol, at_once=1)
+        many = bench.instructions(bench.library, 5000, 10000, 1, protocol=protocol, at_once=10000)
         report.add("instructions per creation, 10,000 at once, against one, %s" % protocol,
                    many, "instructions", one)
 
