@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Measures the library against bare libcurl, over an nginx on loopback.
 
     bench.py PROGRAMS             all figures, as text, as JSON and as a plot, beside PROGRAMS
@@ -150,10 +150,11 @@ class Report:
         print(line, flush=True)
 
 
-def count_instructions(bench, report):
+def count_instructions(bench, report, beside_bare=True):
     for protocol in PROTOCOLS:
-        own, limit = (bench.instructions(program, 100, 1100, protocol=protocol, at_once=1)
-                      for program in (bench.library, bench.bare))
+        own, limit = (
+            bench.instructions(program, 100, 1100, protocol=protocol, at_once=1) if program else None
+            for program in (bench.library, beside_bare and bench.bare))
         report.add("instructions per creation, %s" % protocol, own, "instructions", limit)
 
 
@@ -276,6 +277,8 @@ def plot(bench):
 
 
 def main(programs, mode="all"):
+    if mode not in ("all", "check", "keep"):
+        sys.exit(__doc__)
     resource.setrlimit(resource.RLIMIT_NOFILE, (4096, 4096))
     programs = Path(programs).resolve()
     report = Report()
@@ -286,7 +289,7 @@ def main(programs, mode="all"):
             plot(bench)
             (programs.parent / "figures.json").write_text(json.dumps(report.figures, indent=1) + "\n")
             return
-        count_instructions(bench, report)
+        count_instructions(bench, report, beside_bare=False)
     counts = {name: figure["value"] for name, figure in report.figures.items()}
     if mode == "keep":
         KEPT.write_text(json.dumps(counts, indent=1) + "\n")

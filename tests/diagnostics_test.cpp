@@ -28,13 +28,25 @@ extern "C" int uname(utsname* system) noexcept {
   return machineName.empty() ? -1 : 0;
 }
 
+static void record(int priority, const char* format, std::va_list arguments) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, arguments);
+  systemLog += std::to_string(LOG_PRI(priority)) + " " + text + "\n";
+}
+
 extern "C" void syslog(int priority, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  char text[512];
-  std::vsnprintf(text, sizeof text, format, arguments);
+  record(priority, format, arguments);
   va_end(arguments);
-  systemLog += std::to_string(LOG_PRI(priority)) + " " + text + "\n";
+}
+
+// As release builds call it.
+extern "C" void __syslog_chk(int priority, int, const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  record(priority, format, arguments);
+  va_end(arguments);
 }
 
 namespace quorva {
