@@ -111,7 +111,8 @@ void write(std::string& out, std::string_view text) {
     out.append(rest, next);
     if (next == text.end()) break;
     out += {'\\', letter(*next)};
-    if (letter(*next) == 'u') out += {'0', '0', hex[*next >> 4U], hex[*next & 15U]};
+    if (const auto code = static_cast<unsigned char>(*next); letter(*next) == 'u')
+      out += {'0', '0', hex[code >> 4], hex[code & 15]};
     rest = next + 1;
   }
   out += '"';
