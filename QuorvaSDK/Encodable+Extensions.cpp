@@ -8,8 +8,8 @@ using platform::JSONValue;
 
 std::optional<JSONValue::Object> toDictionary(const JSONValue& encoded) {
   try {
-    static_cast<void>(
-        platform::serializeJSON(encoded).value());  // what can't be written is no JSON
+    // What can't be written is no JSON.
+    static_cast<void>(platform::serializeJSON(encoded).value());
     const auto* dictionary = encoded.as<JSONValue::Object>();
     return dictionary ? std::optional(*dictionary) : std::nullopt;
   } catch (const platform::Error& error) {
