@@ -32,6 +32,11 @@ constexpr std::array<const char*, 3> suffixes = {"", "-wal", "-shm"};
 constexpr std::size_t indexAt = 2;
 constexpr off_t indexSize = 32768;  // at least, while it's open
 
+// The two copies of the index's header, which are written after each transaction, by whichever
+// process, and before the index is used for the next.
+// Source: https://www.sqlite.org/walformat.html#the_wal_index_header
+using IndexVersion = std::array<char, 96>;
+
 // A new file isn't waited for until it's on the disk: without power it would be lost as its first
 // values would, which aren't waited for either.
 constexpr const char* schema =
@@ -109,8 +114,16 @@ class UserDefaults::Store {
     if (const auto kept = unwritten_.find(key); kept != unwritten_.end()) return kept->second;
     std::optional<Value> value;
     perform([&] {
+      const auto version = indexVersion();
+      if (!version || version != version_) known_.clear();
+      version_ = version;
+      if (const auto known = known_.find(key); known != known_.end()) {
+        value = known->second;
+        return SQLITE_DONE;
+      }
       const int code = step(get_, key);
       if (code == SQLITE_ROW) value = column(get_.get());
+      if (code == SQLITE_ROW || code == SQLITE_DONE) known_.emplace(key, value);
       return code;
     });
     return value;
@@ -126,6 +139,8 @@ class UserDefaults::Store {
   }
 
  private:
+  using Values = std::map<std::string, std::optional<Value>, std::less<>>;
+
   void beginAccess() { deadline_ = Clock::now() + (unwritten_.empty() ? patience : patienceAgain); }
 
   // Waits for another process, as long as the access may.
@@ -182,6 +197,7 @@ class UserDefaults::Store {
   }
 
   void shut() {
+    known_.clear();
     get_.reset();
     put_.reset();
     remove_.reset();
@@ -268,6 +284,19 @@ class UserDefaults::Store {
     return code;
   }
 
+  // Tells whether anything was written since, without the locks of a look into the file.
+  std::optional<IndexVersion> indexVersion() const {
+    sqlite3_file* file = nullptr;
+    sqlite3_file_control(database_.get(), nullptr, SQLITE_FCNTL_FILE_POINTER, &file);
+    void volatile* index = nullptr;
+    if (file->pMethods->iVersion < 2 ||
+        file->pMethods->xShmMap(file, 0, indexSize, 0, &index) != SQLITE_OK || !index)
+      return std::nullopt;
+    IndexVersion version;
+    std::memcpy(version.data(), const_cast<const void*>(index), version.size());
+    return version;
+  }
+
   static std::optional<Value> column(sqlite3_stmt* row) {
     std::optional<Value> value;
     if (sqlite3_column_type(row, 0) == SQLITE_TEXT) {
@@ -290,8 +319,9 @@ class UserDefaults::Store {
   Statement get_;
   Statement put_;
   Statement remove_;
-  std::map<std::string, std::optional<Value>, std::less<>>
-      unwritten_;  // what the file could not take
+  Values unwritten_;  // what the file could not take
+  Values known_;      // what was read of the file while it was of version_
+  std::optional<IndexVersion> version_;
 };
 
 UserDefaults::UserDefaults(fs::path file) : store_(std::make_unique<Store>(std::move(file))) {}

@@ -47,7 +47,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 }
 
 bool drainUntil(const std::function<bool()>& happened, int descriptor) {
-  const auto deadline = Clock::now() + std::chrono::seconds(20);
+  const auto deadline = Clock::now() + std::chrono::seconds(60);
   while (!happened()) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) return false;

@@ -35,7 +35,7 @@ class TemporaryDirectory {
   std::filesystem::path path_;
 };
 
-/// Empties the main queue until `happened` holds; false if it doesn't within 20 seconds. Looks
+/// Empties the main queue until `happened` holds; false if it doesn't within a minute. Looks
 /// again whenever there was something in the queue or there is something to read from `descriptor`.
 [[nodiscard]] bool drainUntil(const std::function<bool()>& happened, int descriptor = -1);
 

@@ -203,6 +203,27 @@ TEST_F(EnduranceSettings, ServeManyThreadsOfManyProcesses) {
               processes * threads, secondsSince(begun));
 }
 
+// What a process was told of is there when it looks.
+TEST_F(EnduranceSettings, AreSeenByOthersAtOnce) {
+  const int last = test::rounds(400, 20000);
+  std::atomic<int>& stored = newBoard().stored[0];
+  std::deque<Process> both;
+  for (const int own : {0, 1}) {
+    both.emplace_back([&, own] {
+      UserDefaults settings(file);
+      for (int number = own; number < last; number += 2) {
+        while (stored != number) std::this_thread::yield();
+        const bool isSeen = settings.get<std::string>("k").value_or("0") == std::to_string(number);
+        settings.set("k", std::to_string(number + 1));
+        stored = isSeen ? number + 1 : last;
+        if (!isSeen) return false;
+      }
+      return true;
+    });
+  }
+  for (Process& one : both) EXPECT_EQ(one.end(), 0);
+}
+
 // Each row says what happens, by which command, and what comes of it before the file is opened and
 // while it is open: what is then read of a setting that was "file" and then "log", and whether one
 // that is set from then on is found by other processes. A last command finds what was to be left.
