@@ -18,15 +18,12 @@ struct Tapped {
 };
 
 std::optional<Tapped> find(const Service& service, const Visit& visit) {
-  const auto opened = read("http://" + visit.host + visit.target);
-  if (!opened) return std::nullopt;
-  const auto& [host, path, query] = *opened;
-  // The host's port is this service's own.
-  auto link = service.store.findLink(host.substr(0, host.rfind(':')), path);
-  if (const auto slash = path.find('/'); !link && slash != path.npos) {
-    link = service.store.findLink(path.substr(0, slash), path.substr(slash + 1));
-  }
-  return link ? std::optional(Tapped{std::move(*link), query}) : std::nullopt;
+  // This service's own host, whose path names the link's.
+  const auto opened = read("http://localhost" + visit.target);
+  const auto slash = opened ? opened->path.find('/') : std::string::npos;
+  if (slash == std::string::npos) return std::nullopt;
+  auto link = service.store.findLink(opened->path.substr(0, slash), opened->path.substr(slash + 1));
+  return link ? std::optional(Tapped{std::move(*link), opened->query}) : std::nullopt;
 }
 
 std::string escaped(std::string_view text) {

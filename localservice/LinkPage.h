@@ -12,7 +12,6 @@ namespace localservice {
 
 struct Visit {
   std::string method;
-  std::string host;       // as the browser names it
   std::string target;     // path and query, as the browser writes them
   std::string userAgent;  // empty if it doesn't say
   std::string address;    // the network address it comes from
@@ -24,8 +23,7 @@ struct Page {
   std::string location;  // where the browser is sent at once; empty if it isn't
 };
 
-/// The link is the one at the host and path, or, on any host, at /domain/path. Only a GET of it is
-/// a tap.
+/// The link is the one that the path, /domain/path, names. Only a GET of it is a tap.
 [[nodiscard]] Page visit(const Service& service, const Visit& visit);
 
 }  // namespace localservice

@@ -1,36 +1,34 @@
 #include "localservice/Server.h"
 
-#include <httplib.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
-#include <condition_variable>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <future>
-#include <limits>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
-#include <system_error>
-#include <thread>
 #include <type_traits>
 #include <utility>
 
 #include "localservice/LinkPage.h"
+#include "localservice/Listener.h"
+#include "localservice/Routes.h"
 
 namespace localservice {
 namespace {
 
-constexpr const char* address = "127.0.0.1";
+using httplib::Request;
+using httplib::Response;
+using nlohmann::json;
+using Clock = std::chrono::system_clock;
 
-// A connection that is kept delays the end.
-constexpr int keepAliveSeconds = 1;
+// What of a body is kept to be looked at.
+constexpr std::size_t largestKept = std::size_t{64} * 1024;
 
 template <auto read, auto destroy>
 auto fromPEM(const std::string& text) {
@@ -47,55 +45,104 @@ bool present(SSL_CTX& context, const Identity& identity) {
          SSL_CTX_use_PrivateKey(&context, key.get()) == 1;
 }
 
-std::uint16_t bind(httplib::Server& server, std::uint16_t port) {
-  socket_t listening = -1;
-  server.set_socket_options([&](socket_t socket) {
-    listening = socket;
-    // Leaves out SO_REUSEPORT, which is httplib's default: it hides that a port is in use.
-    const int yes = 1;
-    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  });
-  errno = 0;
-  const int bound = port == 0                            ? server.bind_to_any_port(address)
-                    : server.bind_to_port(address, port) ? port
-                                                         : -1;
-  if (bound <= 0) {
-    throw std::runtime_error("Port " + std::to_string(port) +
-                             " can't be used: " + std::generic_category().message(errno));
-  }
-  // httplib lets five wait, and whoever comes then waits for a second at least.
-  ::listen(listening, SOMAXCONN);
-  return static_cast<std::uint16_t>(bound);
-}
-
-std::string detail(const Answer& answer) {
-  return answer.body.contains("detail") ? ' ' + answer.body["detail"].get<std::string>() : "";
-}
-
-void log(const httplib::Request& request, int status, const std::string& more) {
-  const std::time_t now = std::time(nullptr);
+// UTC, with milliseconds.
+std::string text(Clock::time_point time) {
+  const std::time_t seconds = Clock::to_time_t(time);
+  const auto milliseconds =
+      std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
   std::tm parts{};
-  std::array<char, sizeof "2000-01-01T00:00:00Z"> time{};
-  std::strftime(time.data(), time.size(), "%FT%TZ", ::gmtime_r(&now, &parts));
+  std::array<char, sizeof "2000-01-01T00:00:00"> date{};
+  std::strftime(date.data(), date.size(), "%FT%T", ::gmtime_r(&seconds, &parts));
+  std::array<char, sizeof ".000Z"> fraction{};
+  std::snprintf(fraction.data(), fraction.size(), ".%03dZ", static_cast<int>(milliseconds));
+  return date.data() + std::string(fraction.data());
+}
 
-  std::string line = time.data() + (' ' + request.method) + ' ' + request.path + ' ' +
+void log(const Request& request, int status, const std::string& more) {
+  std::string line = text(Clock::now()) + ' ' + request.method + ' ' + request.path + ' ' +
                      std::to_string(status) + more;
   // What a client sent can't end the line.
   std::ranges::replace_if(
       line, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
-  std::puts(line.c_str());
-  std::fflush(stdout);
+  std::fprintf(stderr, "%s\n", line.c_str());
 }
 
-void respond(const httplib::Request& request, httplib::Response& response, const Answer& answer) {
-  log(request, answer.status, detail(answer));
-  response.status = answer.status;
-  // A detail may quote what isn't UTF-8.
-  response.set_content(answer.body.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace),
-                       "application/json");
+// A body for a person to look at, without the whole API key.
+json shown(const std::string& body) {
+  if (body.size() > largestKept) return std::to_string(body.size()) + " bytes";
+  json value = json::parse(body, nullptr, false);
+  if (value.is_discarded()) return "No JSON: " + std::to_string(body.size()) + " bytes";
+  if (value.is_object() && value.contains("api_key")) {
+    const json& key = value["api_key"];
+    value["api_key"] = shortened(key.is_string() ? key.get<std::string>() : "");
+  }
+  return value;
 }
 
-void respond(const httplib::Request& request, httplib::Response& response, const Page& page) {
+// The device that calls, or that just got its name.
+json deviceOf(const json& sent, const json& answered) {
+  for (const auto& [body, key] :
+       {std::pair(&sent, "device_id"), {&sent, "device_uuid"}, {&answered, "uuid"}}) {
+    if (body->is_object() && body->contains(key)) return (*body)[key];
+  }
+  return "";
+}
+
+void answerLibrary(Desk& desk, const Request& request, Response& response) {
+  const auto begun = Clock::now();
+  const bool isRead = response.status == 404;
+  const bool isOurs = request.path.starts_with(endpointsPath);
+  const std::string endpoint = isOurs ? request.path.substr(endpointsPath.size()) : request.path;
+  const Reply reply = desk.faults.reply(endpoint, [&] {
+    return isRead ? answer(desk.service,
+                           {request.method, request.path, request.body, request.remote_addr})
+                  : refusal(400, "The request could not be read");
+  });
+  desk.news.pause(reply.delay);
+
+  const json answered = json::parse(reply.body, nullptr, false);
+  const bool isRefused = answered.is_object() && answered.contains("detail");
+  std::string more = isRefused ? ' ' + answered["detail"].dump() : "";
+  for (const std::string& fault : reply.faults) more += " (" + fault + ')';
+  log(request, reply.status, more);
+  const json sent = shown(request.body);
+  const json description{
+      {"time", text(begun)},
+      {"endpoint", endpoint},
+      {"status", reply.status},
+      {"milliseconds",
+       std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun).count()},
+      {"device", deviceOf(sent, answered)},
+      {"sent", sent},
+      {"answered", answered.is_discarded() ? json(reply.body) : answered},
+      {"faults", reply.faults}};
+  desk.service.store.addRequest(description.dump(-1, ' ', false, json::error_handler_t::replace));
+  desk.news.announce();
+
+  response.status = reply.status;
+  if (reply.isReset || reply.isHalf) {
+    // After the head: what breaks before it on a kept connection, clients send again.
+    response.set_content_provider(
+        reply.body.size(), "application/json",
+        [reply, port = request.remote_port](std::size_t, std::size_t, httplib::DataSink& sink) {
+          if (reply.isReset) {
+            reset(port);
+          } else {
+            sink.write(reply.body.data(), reply.body.size() / 2);
+          }
+          return false;
+        });
+  } else {
+    response.set_content(reply.body, "application/json");
+  }
+}
+
+void answerBrowser(Desk& desk, const Request& request, Response& response) {
+  if (response.status != 404 || !response.body.empty()) return;  // the page's own answer
+  const Page page =
+      visit(desk.service, {request.method, request.target, request.get_header_value("User-Agent"),
+                           request.remote_addr});
+  desk.news.announce();
   log(request, page.status, page.location.empty() ? "" : " to " + page.location);
   response.status = page.status;
   response.set_content(page.html, "text/html; charset=utf-8");
@@ -106,99 +153,34 @@ void respond(const httplib::Request& request, httplib::Response& response, const
                       "default-src 'none'; img-src *; style-src 'unsafe-inline'");
 }
 
-// A connection has a thread of its own while it lasts: one that is kept holds nobody up.
-class ThreadPerConnection : public httplib::TaskQueue {
- public:
-  void enqueue(std::function<void()> connection) override {
-    const auto serve = [this, connection = std::move(connection)] {
-      connection();
-      const std::scoped_lock lock(mutex_);
-      --open_;
-      closed_.notify_all();
-    };
-    {
-      const std::scoped_lock lock(mutex_);
-      ++open_;
-    }
-    try {
-      std::thread(serve).detach();
-    } catch (const std::system_error&) {
-      serve();
-    }
-  }
-
-  void shutdown() override {
-    std::unique_lock lock(mutex_);
-    closed_.wait(lock, [this] { return open_ == 0; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable closed_;
-  int open_ = 0;
-};
-
-// Listens in a thread of its own, from construction on.
-class Listener {
- public:
-  Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port,
-           httplib::Server::HandlerWithResponse handler)
-      : server_(std::move(server)) {
-    server_->set_tcp_nodelay(true);
-    server_->set_keep_alive_timeout(keepAliveSeconds);
-    server_->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
-    // The service finds the way itself, so httplib has no handlers: it reads each request whole and
-    // comes here with 404, or with what else it found wrong.
-    server_->set_error_handler(std::move(handler));
-    // Asked for once the server can be told to stop, and not before.
-    std::promise<void> listening;
-    server_->new_task_queue = [&] {
-      listening.set_value();
-      return new ThreadPerConnection;
-    };
-    port_ = bind(*server_, port);
-    ended_ = std::async(std::launch::async, [this] { server_->listen_after_bind(); });
-    listening.get_future().wait();
-  }
-  Listener(const Listener&) = delete;
-  Listener& operator=(const Listener&) = delete;
-  ~Listener() { server_->stop(); }
-
-  [[nodiscard]] std::uint16_t port() const { return port_; }
-
- private:
-  const std::unique_ptr<httplib::Server> server_;
-  std::uint16_t port_ = 0;
-  std::future<void> ended_;
-};
+// The way is found by `handle`: httplib reads each request whole and comes there with 404, or with
+// what else it found wrong.
+void handleAll(httplib::Server& server, Desk& desk,
+               void (*handle)(Desk&, const Request&, Response&)) {
+  server.set_error_handler(httplib::Server::HandlerWithResponse(
+      [&desk, handle](const Request& request, Response& response) {
+        handle(desk, request, response);
+        return httplib::Server::HandlerResponse::Handled;
+      }));
+}
 
 }  // namespace
 
 void serve(const Service& service, const Identity& identity, Ports wanted,
            const std::function<void(Ports bound)>& meanwhile) {
+  Desk desk{service};
   auto secure = std::make_unique<httplib::SSLServer>(
       [&](SSL_CTX& context) { return present(context, identity); });
   if (!secure->is_valid()) throw std::runtime_error("TLS can't be set up");
+  handleAll(*secure, desk, answerLibrary);
+  auto plain = std::make_unique<httplib::Server>();
+  addRoutes(*plain, desk);
+  handleAll(*plain, desk, answerBrowser);
 
-  using Outcome = httplib::Server::HandlerResponse;
-  const Listener library(std::move(secure), wanted.https,
-                         [&](const httplib::Request& request, httplib::Response& response) {
-                           respond(request, response,
-                                   response.status == 404
-                                       ? answer(service, {request.method, request.path,
-                                                          request.body, request.remote_addr})
-                                       : refusal(400, "The request could not be read"));
-                           return Outcome::Handled;
-                         });
-  const Listener browser(
-      std::make_unique<httplib::Server>(), wanted.http,
-      [&](const httplib::Request& request, httplib::Response& response) {
-        respond(request, response,
-                visit(service, {request.method, request.get_header_value("Host"), request.target,
-                                request.get_header_value("User-Agent"), request.remote_addr}));
-        return Outcome::Handled;
-      });
+  const Listener library(std::move(secure), wanted.https);
+  const Listener browser(std::move(plain), wanted.http);
   meanwhile({library.port(), browser.port()});
+  desk.news.end();
 }
 
 }  // namespace localservice

@@ -102,7 +102,8 @@ Answer retrieveDeviceId(const Call& call) {
   return {200, {{"uuid", device.id}, {"status", "ok"}}};
 }
 
-Answer pingDevice(const Call&) {
+Answer pingDevice(const Call& call) {
+  call.service.store.addPing(call.body["device_id"]);
   return {200, {{"status", "ok"}}};
 }
 
@@ -153,18 +154,18 @@ Answer findDeferredLink(const Call& call) {
 }
 
 struct Endpoint {
-  std::string_view path;
+  std::string_view name;
   std::span<const Field> fields;
   const char* deviceField;  // names the device that calls; null if it has no name yet
   Answer (*handle)(const Call& call);
 };
 
 constexpr Endpoint endpoints[] = {
-    {"/app/api/v1/retrieveDeviceId", deviceFields, nullptr, retrieveDeviceId},
-    {"/app/api/v1/device_ping", pingFields, "device_id", pingDevice},
-    {"/app/api/v1/create_link", linkFields, "device_id", createLink},
-    {"/app/api/v1/resolve", resolveFields, "device_uuid", resolveLink},
-    {"/app/api/v1/getAnyDeferredDeeplinks", deferredFields, "device_uuid", findDeferredLink},
+    {"retrieveDeviceId", deviceFields, nullptr, retrieveDeviceId},
+    {"device_ping", pingFields, "device_id", pingDevice},
+    {"create_link", linkFields, "device_id", createLink},
+    {"resolve", resolveFields, "device_uuid", resolveLink},
+    {"getAnyDeferredDeeplinks", deferredFields, "device_uuid", findDeferredLink},
 };
 
 // No object, either, if it is nested so deep that writing it down would take a stack without end.
@@ -195,7 +196,9 @@ bool isRefused(const Service& service, const std::string& key) {
 }
 
 Answer grantOrRefuse(const Service& service, const Request& request) {
-  const auto* endpoint = std::ranges::find(endpoints, request.path, &Endpoint::path);
+  const bool isOurs = request.path.starts_with(endpointsPath);
+  const std::string_view name = isOurs ? request.path.substr(endpointsPath.size()) : "";
+  const auto* endpoint = std::ranges::find(endpoints, name, &Endpoint::name);
   if (endpoint == std::end(endpoints)) {
     return refusal(404, "There is nothing at " + std::string(request.path));
   }
@@ -216,6 +219,12 @@ Answer grantOrRefuse(const Service& service, const Request& request) {
 }
 
 }  // namespace
+
+std::vector<std::string_view> endpointNames() {
+  std::vector<std::string_view> names;
+  for (const Endpoint& endpoint : endpoints) names.push_back(endpoint.name);
+  return names;
+}
 
 Answer answer(const Service& service, const Request& request) {
   try {

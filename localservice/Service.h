@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "localservice/Store.h"
 
@@ -30,6 +31,11 @@ struct Answer {
   int status;
   nlohmann::json body;
 };
+
+/// Where the library calls, as a path: all endpoints begin so, and go on with their names.
+inline constexpr std::string_view endpointsPath = "/app/api/v1/";
+
+[[nodiscard]] std::vector<std::string_view> endpointNames();
 
 [[nodiscard]] Answer answer(const Service& service, const Request& request);
 

@@ -1,6 +1,8 @@
 #include "localservice/Store.h"
 
+#include <iterator>
 #include <stdexcept>
+#include <utility>
 
 namespace localservice {
 namespace {
@@ -9,6 +11,11 @@ constexpr const char* setUp = R"(
   PRAGMA foreign_keys = ON;
   PRAGMA journal_mode = WAL;
   PRAGMA synchronous = NORMAL;
+)";
+
+// What makes each version of the file of the one before; the first is also that of files without a
+// number.
+constexpr const char* versions[] = {R"(
   CREATE TABLE IF NOT EXISTS device(
     id TEXT PRIMARY KEY,
     api_key TEXT NOT NULL,
@@ -33,7 +40,13 @@ constexpr const char* setUp = R"(
     created INTEGER NOT NULL DEFAULT (unixepoch()),
     FOREIGN KEY(domain, path) REFERENCES link
   );
-)";
+)",
+                                    R"(
+  ALTER TABLE device ADD COLUMN first_seen INTEGER;  -- null once it's forgotten
+  ALTER TABLE device ADD COLUMN pings INTEGER NOT NULL DEFAULT 0;
+  UPDATE device SET first_seen = last_seen;
+  CREATE TABLE request(number INTEGER PRIMARY KEY AUTOINCREMENT, description TEXT NOT NULL);
+)"};
 
 constexpr int busyMilliseconds = 5000;
 
@@ -47,16 +60,58 @@ Store::Store(const std::filesystem::path& file) : file_(file.string()) {
   require(sqlite3_busy_timeout(database, busyMilliseconds));
   // Only now SQLite reads the file and finds out whether it's a database.
   require(sqlite3_exec(database, setUp, nullptr, nullptr, nullptr));
+  upgrade();
+}
+
+void Store::upgrade() {
+  const auto execute = [&](const std::string& sql) {
+    require(sqlite3_exec(database_.get(), sql.c_str(), nullptr, nullptr, nullptr));
+  };
+  execute("BEGIN IMMEDIATE");
+  const auto version = static_cast<std::size_t>(std::stoi(run("PRAGMA user_version", {})[0][0]));
+  if (version > std::size(versions)) {
+    throw std::runtime_error(file_ + " is of a later version of this program");
+  }
+  for (std::size_t i = version; i < std::size(versions); ++i) execute(versions[i]);
+  execute("PRAGMA user_version = " + std::to_string(std::size(versions)));
+  execute("COMMIT");
 }
 
 void Store::add(const Device& device) {
-  run("INSERT INTO device(id, api_key, description) VALUES(?, ?, ?)",
+  run("INSERT INTO device(id, api_key, description, first_seen) VALUES(?, ?, ?, unixepoch())",
       {device.id, device.apiKey, device.description});
 }
 
 bool Store::touch(const std::string& deviceId, const std::string& apiKey) {
-  return !run("UPDATE device SET last_seen = unixepoch() WHERE id = ? AND api_key = ? RETURNING id",
+  return !run("UPDATE device SET last_seen = unixepoch(), first_seen = ifnull(first_seen, "
+              "unixepoch()) "
+              "WHERE id = ? AND api_key = ? RETURNING id",
               {deviceId, apiKey})
+              .empty();
+}
+
+void Store::addPing(const std::string& deviceId) {
+  run("UPDATE device SET pings = pings + 1 WHERE id = ?", {deviceId});
+}
+
+std::vector<Device> Store::devices() {
+  std::vector<Device> devices;
+  for (Row& row :
+       run("SELECT id, api_key, description,"
+           "  strftime('%Y-%m-%dT%H:%M:%SZ', first_seen, 'unixepoch'),"
+           "  strftime('%Y-%m-%dT%H:%M:%SZ', last_seen, 'unixepoch'), pings "
+           "FROM device WHERE first_seen IS NOT NULL ORDER BY last_seen DESC, rowid DESC",
+           {})) {
+    devices.push_back({std::move(row[0]), std::move(row[1]), std::move(row[2]), std::move(row[3]),
+                       std::move(row[4]), std::stoi(row[5])});
+  }
+  return devices;
+}
+
+bool Store::forget(const std::string& deviceId) {
+  return !run("UPDATE device SET first_seen = NULL, pings = 0 "
+              "WHERE id = ? AND first_seen IS NOT NULL RETURNING id",
+              {deviceId})
               .empty();
 }
 
@@ -75,6 +130,20 @@ std::optional<Link> Store::findLink(const std::string& domain, const std::string
   return Link{rows[0][0], rows[0][1], rows[0][2], rows[0][3]};
 }
 
+std::vector<Link> Store::links() {
+  std::vector<Link> links;
+  for (Row& row : run("SELECT domain, path, device, description,"
+                      "  strftime('%Y-%m-%dT%H:%M:%SZ', created, 'unixepoch'),"
+                      "  (SELECT count(*) FROM tap"
+                      "   WHERE tap.domain = link.domain AND tap.path = link.path) "
+                      "FROM link ORDER BY created DESC, rowid DESC",
+                      {})) {
+    links.push_back({std::move(row[0]), std::move(row[1]), std::move(row[2]), std::move(row[3]),
+                     std::move(row[4]), std::stoi(row[5])});
+  }
+  return links;
+}
+
 void Store::add(const Tap& tap) {
   run("INSERT INTO tap(domain, path, url, address) VALUES(?, ?, ?, ?)",
       {tap.domain, tap.path, tap.url, tap.address});
@@ -89,6 +158,21 @@ std::optional<Tap> Store::claimTap(const std::string& address, const std::string
           {deviceId, address});
   if (rows.empty()) return std::nullopt;
   return Tap{rows[0][0], rows[0][1], rows[0][2], rows[0][3]};
+}
+
+void Store::addRequest(const std::string& description) {
+  run("INSERT INTO request(description) VALUES(?)", {description});
+  run("DELETE FROM request WHERE number <= (SELECT max(number) FROM request) - 1000", {});
+}
+
+std::vector<Store::NumberedRequest> Store::requestsAfter(const std::string& number) {
+  std::vector<NumberedRequest> requests;
+  for (Row& row : run("SELECT number, description FROM request "
+                      "WHERE number > CAST(? AS INTEGER) ORDER BY number",
+                      {number})) {
+    requests.push_back({std::move(row[0]), std::move(row[1])});
+  }
+  return requests;
 }
 
 // What the statement gives, all of it text.

@@ -1,5 +1,6 @@
 // What the local service remembers, in a SQLite file: the devices it gave an id to, the links they
-// created, and where those were tapped.
+// created, where those were tapped, and the last requests. A file of an earlier version is brought
+// up to date.
 //
 // Any thread: calls take turns. What a call changed outlives the process, however that ends. A file
 // that can't be opened, read or written throws std::runtime_error with one readable line.
@@ -23,6 +24,10 @@ struct Device {
   std::string id;
   std::string apiKey;
   std::string description;  // JSON
+  // Only of one that is stored; times are UTC, as 2000-01-01T00:00:00Z.
+  std::string firstSeen{};
+  std::string lastSeen{};
+  int pings = 0;
 };
 
 struct Link {
@@ -30,6 +35,9 @@ struct Link {
   std::string path;
   std::string deviceId;
   std::string description;  // JSON
+  // Only of one that is stored.
+  std::string created{};
+  int taps = 0;
 };
 
 struct Tap {
@@ -46,13 +54,25 @@ class Store {
 
   void add(const Device& device);
 
-  /// Notes that the device was seen now; false if there is none of this id and key.
+  /// Notes that the device was seen now, a forgotten one for the first time; false if there is none
+  /// of this id and key.
   [[nodiscard]] bool touch(const std::string& deviceId, const std::string& apiKey);
+
+  void addPing(const std::string& deviceId);
+
+  /// Those that aren't forgotten, the one that was seen last first.
+  [[nodiscard]] std::vector<Device> devices();
+
+  /// Forgets that the device was ever seen; false if there is none. Its links stay.
+  [[nodiscard]] bool forget(const std::string& deviceId);
 
   /// False if the link's domain, in whichever case, has the path already.
   [[nodiscard]] bool add(const Link& link);
 
   [[nodiscard]] std::optional<Link> findLink(const std::string& domain, const std::string& path);
+
+  /// All links, the newest first.
+  [[nodiscard]] std::vector<Link> links();
 
   /// Notes that the link was tapped now.
   void add(const Tap& tap);
@@ -62,8 +82,19 @@ class Store {
   [[nodiscard]] std::optional<Tap> claimTap(const std::string& address,
                                             const std::string& deviceId);
 
+  /// Keeps what a request was, as JSON, as one of the last thousand.
+  void addRequest(const std::string& description);
+
+  struct NumberedRequest {
+    std::string number;  // grows with each, also over restarts
+    std::string description;
+  };
+  /// The requests after the one with that number, "0" for all that are kept, oldest first.
+  [[nodiscard]] std::vector<NumberedRequest> requestsAfter(const std::string& number);
+
  private:
   using Row = std::vector<std::string>;
+  void upgrade();
   std::vector<Row> run(std::string_view sql, std::initializer_list<std::string_view> values);
   void require(int result) const;
 

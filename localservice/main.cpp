@@ -28,19 +28,23 @@
 namespace {
 
 constexpr const char* usage =
-    R"(Usage: quorva-localservice --directory DIR [--port N] [--http-port N] [--host NAME]
-                           [--app-scheme NAME] [--refuse-key KEY]...
+    R"(Usage: quorva-localservice --state DIR [--port N] [--http-port N] [--host NAME]
+                           [--app-scheme NAME] [--refuse-key KEY]... [--print-ready]
 
 Serves short links on 127.0.0.1, to develop and test against, until SIGINT or SIGTERM: to the
-library over HTTPS, and to browsers that open a link over plain HTTP.
+library over HTTPS, and over plain HTTP to browsers, that open a link or the service's own page:
+what the application says to the service, and what is to go wrong. Requests are logged to the
+standard error.
 
-  --directory DIR    where the devices, the links, their taps and the certificate authority are kept
-  --port N           the port for the library; one that is free if not given
-  --http-port N      the port for browsers; one that is free if not given
+  --state DIR        where devices, links, taps, requests and the certificate authority are kept
+  --port N           the port for the library; 0, or one not given, is any that is free
+  --http-port N      the port for browsers, likewise
   --host NAME        the host the certificate is for besides localhost and 127.0.0.1,
                      )" QUORVA_SERVICE_HOST R"( if not given
   --app-scheme NAME  the scheme of links that open the application; if given, pages offer one
   --refuse-key KEY   an API key to refuse; may be given more than once
+  --print-ready      print, as soon as requests can come, one line of JSON instead of two of text:
+                     the addresses of "service" and "page", and the path of "ca"
   --help             print this and end
 )";
 
@@ -51,11 +55,12 @@ struct BadArguments : std::runtime_error {
 };
 
 struct Arguments {
-  std::filesystem::path directory;
+  std::filesystem::path state;
   localservice::Ports ports;
   std::string host = QUORVA_SERVICE_HOST;
   std::string appScheme;
   std::set<std::string> refusedKeys;
+  bool printsReady = false;
 };
 
 std::uint16_t parsePort(std::string_view option, std::string_view text) {
@@ -77,44 +82,62 @@ std::string parseScheme(const std::string& text) {
 Arguments parse(std::span<char*> words) {
   Arguments arguments;
   const std::map<std::string_view, std::function<void(const char*)>> options{
-      {"--directory", [&](const char* value) { arguments.directory = value; }},
+      {"--state", [&](const char* value) { arguments.state = value; }},
       {"--port", [&](const char* value) { arguments.ports.https = parsePort("--port", value); }},
       {"--http-port",
        [&](const char* value) { arguments.ports.http = parsePort("--http-port", value); }},
       {"--host", [&](const char* value) { arguments.host = value; }},
       {"--app-scheme", [&](const char* value) { arguments.appScheme = parseScheme(value); }},
       {"--refuse-key", [&](const char* value) { arguments.refusedKeys.insert(value); }}};
-  for (; !words.empty(); words = words.subspan(2)) {
+  while (!words.empty()) {
+    if (words[0] == std::string_view("--print-ready")) {
+      arguments.printsReady = true;
+      words = words.subspan(1);
+      continue;
+    }
     const auto option = options.find(words[0]);
     if (option == options.end()) throw BadArguments(std::string(words[0]) + " is unknown");
     if (words.size() == 1) throw BadArguments(std::string(words[0]) + " needs a value");
     option->second(words[1]);
+    words = words.subspan(2);
   }
-  if (arguments.directory.empty()) throw BadArguments("--directory is missing");
+  if (arguments.state.empty()) throw BadArguments("--state is missing");
   return arguments;
+}
+
+void announce(localservice::Ports bound, const std::string& authority, bool asJSON) {
+  const std::string address = "://127.0.0.1:";
+  const std::string service = "https" + address + std::to_string(bound.https);
+  const std::string page = "http" + address + std::to_string(bound.http) + '/';
+  if (asJSON) {
+    const nlohmann::json line{{"service", service}, {"page", page}, {"ca", authority}};
+    std::puts(line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  } else {
+    std::printf(
+        "quorva-localservice listening on %s (certificate authority: %s)\n"
+        "Its page, and links as /DOMAIN/PATH, are at %s\n",
+        service.c_str(), authority.c_str(), page.c_str());
+  }
 }
 
 void run(Arguments arguments, const sigset_t& endSignals) {
   std::error_code error;
-  std::filesystem::create_directories(arguments.directory, error);
+  std::filesystem::create_directories(arguments.state, error);
   if (error) {
-    throw std::runtime_error(arguments.directory.string() + " can't be made: " + error.message());
+    throw std::runtime_error(arguments.state.string() + " can't be made: " + error.message());
   }
-  localservice::Store store(arguments.directory / "service.sqlite");
-  const auto authority = localservice::CertificateAuthority::openOrCreate(arguments.directory);
+  localservice::Store store(arguments.state / "service.sqlite");
+  const auto authority = localservice::CertificateAuthority::openOrCreate(arguments.state);
   const localservice::Service service{store, std::move(arguments.refusedKeys),
                                       std::move(arguments.appScheme)};
-  localservice::serve(
-      service, authority.issue({"localhost", "127.0.0.1", arguments.host}), arguments.ports,
-      [&](localservice::Ports bound) {
-        std::printf(
-            "quorva-localservice listening on https://127.0.0.1:%d (certificate authority: %s)\n"
-            "Open links at http://127.0.0.1:%d/DOMAIN/PATH\n",
-            bound.https, (arguments.directory / "ca.pem").c_str(), bound.http);
-        std::fflush(stdout);
-        int signal = 0;
-        sigwait(&endSignals, &signal);
-      });
+  localservice::serve(service, authority.issue({"localhost", "127.0.0.1", arguments.host}),
+                      arguments.ports, [&](localservice::Ports bound) {
+                        announce(bound, std::filesystem::absolute(arguments.state / "ca.pem"),
+                                 arguments.printsReady);
+                        std::fflush(stdout);
+                        int signal = 0;
+                        sigwait(&endSignals, &signal);
+                      });
 }
 
 }  // namespace

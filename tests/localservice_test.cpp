@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -85,10 +86,10 @@ TEST_F(LocalService, ShowsABrowserWhereALinkLeads) {
   for (const json& link : vectors.at("tappedLinks"))
     ASSERT_EQ(post("create_link", link).status, 201);
   for (const json& row : vectors.at("pages")) {
-    const Page page = visit(service, {"GET", row[0], row[1], row[2], home});
-    EXPECT_EQ(page.status, int(row[3])) << row;
-    EXPECT_EQ(page.location, std::string(row[4])) << row;
-    EXPECT_TRUE(matches(page.html, row[5])) << row << page.html;
+    const Page page = visit(service, {"GET", row[0], row[1], home});
+    EXPECT_EQ(page.status, int(row[2])) << row;
+    EXPECT_EQ(page.location, std::string(row[3])) << row;
+    EXPECT_TRUE(matches(page.html, row[4])) << row << page.html;
     EXPECT_EQ(page.html.find("<T"), page.html.npos);
   }
 }
@@ -96,7 +97,8 @@ TEST_F(LocalService, ShowsABrowserWhereALinkLeads) {
 TEST_F(LocalService, HandsATapOnceToTheNextInstallationNearby) {
   for (const char* path : {"spring", "autumn"}) ASSERT_EQ(createLink(path, "s").status, 201);
   const auto tap = [&](const char* path, const std::string& from, const char* method = "GET") {
-    EXPECT_EQ(visit(service, {method, "go.shop.example", path, "", from}).status, 200);
+    EXPECT_EQ(visit(service, {method, std::string("/go.shop.example") + path, "", from}).status,
+              200);
   };
   const auto ask = [&](const Service& whom) {
     return post(whom, "getAnyDeferredDeeplinks", json::object()).body.dump();
@@ -125,14 +127,11 @@ const std::string serviceCommand = "'" QUORVA_LOCALSERVICE_PROGRAM "' ";
 // The local service in a process of its own, on the directory's state.
 struct ServiceProgram {
   explicit ServiceProgram(const std::string& directory, const std::string& options = "")
-      : process(serviceCommand + "--directory " + directory + options),
-        caFile(directory + "/ca.pem") {}
-  std::uint16_t port(const std::string& scheme) const {
-    const std::string line = process.line();
-    const std::string before = scheme + "://127.0.0.1:";
-    const std::size_t found = line.find(before);
-    if (found == line.npos) throw std::runtime_error("the service didn't start: " + line);
-    return static_cast<std::uint16_t>(std::stoi(line.substr(found + before.size())));
+      : process(serviceCommand + "--print-ready --state " + directory + options + " 2>&1"),
+        caFile(ready.at("ca")) {}
+  std::uint16_t port(const char* of) const {
+    const std::string address = ready.at(of);
+    return static_cast<std::uint16_t>(std::stoi(address.substr(address.rfind(':') + 1)));
   }
   // Gives what it logged.
   std::string stop() {
@@ -143,9 +142,10 @@ struct ServiceProgram {
   }
 
   Process process;
+  const json ready = json::parse(process.line());
   const std::string caFile;
-  const std::uint16_t https = port("https");
-  const std::uint16_t http = port("http");
+  const std::uint16_t https = port("service");
+  const std::uint16_t http = port("page");
   std::future<std::string> log = std::async([this] { return process.rest(); });
 };
 
@@ -199,10 +199,96 @@ TEST_F(LocalService, StandsAThousandRequestsOfEachKindAtOnce) {
   EXPECT_TRUE(quorva::test::drainUntil([&] { return statuses[200] == 1000; }));
 
   const std::string log = program.stop();
-  EXPECT_EQ(matches(log, "[-0-9]{10}T[:0-9]{8}Z (POST " + api +
+  EXPECT_EQ(matches(log, "[-0-9]{10}T[.:0-9]{12}Z (POST " + api +
                              "retrieveDeviceId 200|GET /go.shop.example/none 404)\n"),
             2000);
   EXPECT_EQ(log.find("my secret"), log.npos);
+}
+
+// What an application's own tests, or a page of another origin, may ask of the service.
+TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
+  ASSERT_EQ(createLink("tapped").status, 201);
+  ServiceProgram program(directory.path());
+  URLSession::route("localhost", {program.https, program.caFile});
+  const auto call = [&](const std::string& path) {
+    URLRequest posted(URL::parse("https://localhost" + api + path).value());
+    posted.body = request(path, json::object());
+    const auto reply = quorva::test::outcome(URLSession::post(std::move(posted)));
+    return reply ? std::to_string(reply->statusCode) + " " + reply->body
+                 : reply.error().localizedDescription();
+  };
+  EXPECT_EQ(call("device_ping"), R"(200 {"status":"ok"})");
+  httplib::Client browser("127.0.0.1", program.http);
+  const auto send = [&](const json& row) {
+    httplib::Request sent;
+    sent.method = row[0];
+    sent.path = row[1];
+    sent.set_header("Content-Type", "application/json");
+    for (const auto& [name, value] : row[2].items()) {
+      sent.headers.erase(name);
+      sent.set_header(name.c_str(), value.get<std::string>());
+    }
+    sent.body = row[3] == "" ? "" : row[3].dump();
+    return browser.send(sent);
+  };
+  for (const json& row : vectors.at("interface")) {
+    const auto given = send(row);
+    ASSERT_TRUE(given) << row;
+    EXPECT_EQ(given->status, int(row[4])) << row << given->body;
+    EXPECT_TRUE(matches(given->body, row[5])) << row << given->body;
+  }
+
+  for (const json& row : vectors.at("faults")) {
+    json fault = row[0];
+    fault.update({{"endpoint", "retrieveDeviceId"}, {"once", true}});
+    EXPECT_EQ(send({"POST", "/api/faults", json::object(), fault})->status, 201) << row;
+    EXPECT_EQ(call("device_ping"), R"(200 {"status":"ok"})");
+    const std::string disturbed = call("retrieveDeviceId");
+    EXPECT_TRUE(matches(disturbed, row[1])) << row << disturbed;
+    const std::string asUsual = call("retrieveDeviceId");
+    EXPECT_TRUE(matches(asUsual, "^200 .*uuid\":\"")) << row << asUsual;
+  }
+
+  const auto kept = json::parse(browser.Get("/api/requests")->body).size();
+  EXPECT_EQ(kept, 1 + 3 * vectors.at("faults").size());
+  // A watcher hears of what was and of what comes, from where it was interrupted, until the end.
+  std::string heard;
+  std::promise<void> isThere;
+  std::future<void> watching = std::async([&] {
+    browser.Get("/api/events", {{"Last-Event-ID", std::to_string(kept - 1)}},
+                [&](const char* text, std::size_t size) {
+                  if (heard.empty()) isThere.set_value();
+                  heard.append(text, size);
+                  return true;
+                });
+  });
+  isThere.get_future().wait();
+  call("device_ping");
+  program.stop();
+  watching.wait();
+  EXPECT_EQ(matches(heard, "event: request\nid: [0-9]+\ndata: \\{"), 2) << heard;
+}
+
+TEST_F(LocalService, BringsAnEarlierFileUpToDate) {
+  sqlite3* file = nullptr;
+  const std::string name = directory.path() / "service.sqlite";
+  sqlite3_open(name.c_str(), &file);
+  ASSERT_EQ(sqlite3_exec(file,
+                         "ALTER TABLE device DROP COLUMN first_seen;"
+                         "ALTER TABLE device DROP COLUMN pings;"
+                         "DROP TABLE request; PRAGMA user_version = 0",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  Store upgraded(name);
+  ASSERT_EQ(upgraded.devices().size(), 1u);
+  EXPECT_EQ(upgraded.devices()[0].firstSeen, upgraded.devices()[0].lastSeen);
+  EXPECT_EQ(Store(name).devices()[0].id, device);
+  for (int i = 1; i <= 1002; ++i) upgraded.addRequest("{}");
+  EXPECT_EQ(upgraded.requestsAfter("0").size(), 1000u);
+  EXPECT_EQ(upgraded.requestsAfter("1001").at(0).number, "1002");
+  sqlite3_exec(file, "PRAGMA user_version = 99", nullptr, nullptr, nullptr);
+  sqlite3_close(file);
+  EXPECT_THROW(Store{name}, std::runtime_error);
 }
 
 // What a person does with two applications: makes a link with the one, taps it, installs the other.
@@ -234,11 +320,11 @@ TEST_F(LocalService, CarriesALinkAcrossAnInstallation) {
 }
 
 TEST_F(LocalService, RefusesToStartWithOneLine) {
-  const std::string good = "--directory " + directory.path().string();
+  const std::string good = "--state " + directory.path().string();
   quorva::test::writeFile(directory.path() / "damaged" / "service.sqlite", std::string(4096, 'x'));
   const std::tuple<std::string, int, const char*> rows[] = {
-      {"", 2, "--directory is missing"},
-      {"--directory", 2, "--directory needs a value"},
+      {"", 2, "--state is missing"},
+      {"--state", 2, "--state needs a value"},
       {good + " --port 65536", 2, "--port must be"},
       {good + " --app-scheme shop:", 2, "--app-scheme must be"},
       {good + " --colour red", 2, "--colour is unknown"},

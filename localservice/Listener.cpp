@@ -1,0 +1,116 @@
+#include "localservice/Listener.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace localservice {
+namespace {
+
+constexpr const char* address = "127.0.0.1";
+
+// A connection that is kept delays the end.
+constexpr int keepAliveSeconds = 1;
+
+std::uint16_t bind(httplib::Server& server, std::uint16_t port) {
+  socket_t listening = -1;
+  server.set_socket_options([&](socket_t socket) {
+    listening = socket;
+    // Leaves out SO_REUSEPORT, which is httplib's default: it hides that a port is in use.
+    const int yes = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  });
+  errno = 0;
+  const int bound = port == 0                            ? server.bind_to_any_port(address)
+                    : server.bind_to_port(address, port) ? port
+                                                         : -1;
+  if (bound <= 0) {
+    throw std::runtime_error("Port " + std::to_string(port) +
+                             " can't be used: " + std::generic_category().message(errno));
+  }
+  // httplib lets five wait, and whoever comes then waits for a second at least.
+  ::listen(listening, SOMAXCONN);
+  return static_cast<std::uint16_t>(bound);
+}
+
+// A connection has a thread of its own while it lasts: one that is kept holds nobody up.
+class ThreadPerConnection : public httplib::TaskQueue {
+ public:
+  void enqueue(std::function<void()> connection) override {
+    const auto serve = [this, connection = std::move(connection)] {
+      connection();
+      const std::scoped_lock lock(mutex_);
+      --open_;
+      closed_.notify_all();
+    };
+    {
+      const std::scoped_lock lock(mutex_);
+      ++open_;
+    }
+    try {
+      std::thread(serve).detach();
+    } catch (const std::system_error&) {
+      serve();
+    }
+  }
+
+  void shutdown() override {
+    std::unique_lock lock(mutex_);
+    closed_.wait(lock, [this] { return open_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable closed_;
+  int open_ = 0;
+};
+
+}  // namespace
+
+Listener::Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port)
+    : server_(std::move(server)) {
+  server_->set_tcp_nodelay(true);
+  server_->set_keep_alive_timeout(keepAliveSeconds);
+  server_->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
+  // Asked for once the server can be told to stop, and not before.
+  std::promise<void> listening;
+  server_->new_task_queue = [&] {
+    listening.set_value();
+    return new ThreadPerConnection;
+  };
+  port_ = bind(*server_, port);
+  ended_ = std::async(std::launch::async, [this] { server_->listen_after_bind(); });
+  listening.get_future().wait();
+}
+
+Listener::~Listener() {
+  server_->stop();
+}
+
+void reset(int port) {
+  // httplib doesn't tell a request's socket.
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::stoi(entry.path().filename());
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+        peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
+      // Linux answers this with a reset.
+      const sockaddr nobody{.sa_family = AF_UNSPEC, .sa_data = {}};
+      static_cast<void>(::connect(descriptor, &nobody, sizeof nobody));
+    }
+  }
+}
+
+}  // namespace localservice
