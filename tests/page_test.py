@@ -199,6 +199,7 @@ class Page(unittest.TestCase):
             self.browser.save_screenshot("%s/local-service-%s.png" % (folder, name))
 
     def screenshots(self):
+        self.click("#requests li summary")
         height = self.browser.execute_script("return document.documentElement.scrollHeight")
         self.browser.set_window_size(1200, min(height + 100, 2400))
         self.browser.execute_script("scrollTo(0, 0)")
