@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <limits>
+#include <list>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -44,36 +45,42 @@ std::uint16_t bind(httplib::Server& server, std::uint16_t port) {
   return static_cast<std::uint16_t>(bound);
 }
 
-// A connection has a thread of its own while it lasts: one that is kept holds nobody up.
+// A connection has a thread of its own while it lasts: one that is kept holds nobody up. A thread
+// that has ended is joined, since OpenSSL's part of it may end after the connection.
 class ThreadPerConnection : public httplib::TaskQueue {
  public:
   void enqueue(std::function<void()> connection) override {
-    const auto serve = [this, connection = std::move(connection)] {
-      connection();
-      const std::scoped_lock lock(mutex_);
-      --open_;
-      closed_.notify_all();
-    };
     {
       const std::scoped_lock lock(mutex_);
-      ++open_;
+      ended_.clear();
+      const auto thread = running_.emplace(running_.end());
+      try {
+        *thread = std::jthread([this, thread, connection] {
+          connection();
+          const std::scoped_lock ending(mutex_);
+          ended_.splice(ended_.end(), running_, thread);
+          changed_.notify_all();
+        });
+        return;
+      } catch (const std::system_error&) {
+        running_.erase(thread);
+      }
     }
-    try {
-      std::thread(serve).detach();
-    } catch (const std::system_error&) {
-      serve();
-    }
+    connection();
   }
 
   void shutdown() override {
     std::unique_lock lock(mutex_);
-    closed_.wait(lock, [this] { return open_ == 0; });
+    changed_.wait(lock, [this] { return running_.empty(); });
+    ended_.clear();
   }
 
  private:
   std::mutex mutex_;
-  std::condition_variable closed_;
-  int open_ = 0;
+  std::condition_variable changed_;
+  // Guarded by mutex_:
+  std::list<std::jthread> running_;
+  std::list<std::jthread> ended_;  // which no longer touch this
 };
 
 }  // namespace
