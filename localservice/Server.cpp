@@ -53,9 +53,7 @@ std::string text(Clock::time_point time) {
   std::tm parts{};
   std::array<char, sizeof "2000-01-01T00:00:00"> date{};
   std::strftime(date.data(), date.size(), "%FT%T", ::gmtime_r(&seconds, &parts));
-  std::array<char, sizeof ".000Z"> fraction{};
-  std::snprintf(fraction.data(), fraction.size(), ".%03dZ", static_cast<int>(milliseconds));
-  return date.data() + std::string(fraction.data());
+  return date.data() + ('.' + std::to_string(1000 + milliseconds).substr(1)) + 'Z';
 }
 
 void log(const Request& request, int status, const std::string& more) {
