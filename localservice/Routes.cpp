@@ -81,6 +81,15 @@ class Events {
 
   // Waits for what there is to tell, and tells it; at the end it tells so.
   bool operator()(std::size_t, httplib::DataSink& sink) {
+    try {
+      return tell(sink);
+    } catch (const std::exception&) {
+      return false;  // the watcher comes again
+    }
+  }
+
+ private:
+  bool tell(httplib::DataSink& sink) {
     std::string text;
     const auto known = desk_.news.waitFor(known_.value_or(0), known_ ? heartbeat : heartbeat * 0);
     if (desk_.news.isOver()) {
@@ -100,7 +109,6 @@ class Events {
     return sink.write(text.data(), text.size());
   }
 
- private:
   Desk& desk_;
   std::string last_;
   std::optional<std::uint64_t> known_;
@@ -122,8 +130,9 @@ json devices(Store& store) {
 json links(Store& store) {
   json all = json::array();
   for (const Link& link : store.links()) {
-    all.push_back({{"short_url", write({link.domain, link.path, ""}).value_or("")},
-                   {"page", '/' + link.domain + '/' + link.path},
+    const std::string shortURL = write({link.domain, link.path, ""}).value();
+    all.push_back({{"short_url", shortURL},
+                   {"page", shortURL.substr(std::string_view("https:/").size())},
                    {"description", json::parse(link.description)},
                    {"created", link.created},
                    {"taps", link.taps}});
@@ -140,14 +149,13 @@ json requests(Store& store) {
 
 // A tap as a browser on this machine makes it, for the next installation that asks.
 void tap(Store& store, const Request& request, Response& response) {
-  const json body = json::parse(request.body, nullptr, false);
-  const std::string url = body.is_object() ? body.value("short_url", json("")).dump() : "";
-  const json text = json::parse(url, nullptr, false);
-  const auto named = text.is_string() ? read(text) : std::nullopt;
+  const json body = parse(request.body);
+  const json url = body.is_object() ? body.value("short_url", json()) : json();
+  const auto named = url.is_string() ? read(url) : std::nullopt;
   const auto link = named ? store.findLink(named->domain, named->path) : std::nullopt;
   if (!link) return refuse(response, 404, "\"short_url\" must be a link's");
-  store.add(Tap{link->domain, link->path, text, home});
-  give(response, {{"short_url", text}}, 201);
+  store.add(Tap{link->domain, link->path, url, home});
+  give(response, {{"short_url", url}}, 201);
 }
 
 void drawQRCode(const std::string& text, Response& response) {
@@ -239,7 +247,7 @@ void addRoutes(httplib::Server& server, Desk& desk) {
     desk.news.announce();
   });
   server.Post("/api/faults", [&](const httplib::Request& request, Response& response) {
-    give(response, desk.faults.add(json::parse(request.body, nullptr, false)), 201);
+    give(response, desk.faults.add(parse(request.body)), 201);
     desk.news.announce();
   });
   server.Delete("/api/faults", [&desk, changed](const httplib::Request&, Response& response) {

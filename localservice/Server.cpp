@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -68,7 +69,7 @@ void log(const Request& request, int status, const std::string& more) {
 // A body for a person to look at, without the whole API key.
 json shown(const std::string& body) {
   if (body.size() > largestKept) return std::to_string(body.size()) + " bytes";
-  json value = json::parse(body, nullptr, false);
+  json value = parse(body);
   if (value.is_discarded()) return "No JSON: " + std::to_string(body.size()) + " bytes";
   if (value.is_object() && value.contains("api_key")) {
     const json& key = value["api_key"];
@@ -100,7 +101,9 @@ void answerLibrary(Desk& desk, const Request& request, Response& response) {
 
   const json answered = json::parse(reply.body, nullptr, false);
   const bool isRefused = answered.is_object() && answered.contains("detail");
-  std::string more = isRefused ? ' ' + answered["detail"].dump() : "";
+  std::string more =
+      isRefused ? ' ' + answered["detail"].dump(-1, ' ', false, json::error_handler_t::replace)
+                : "";
   for (const std::string& fault : reply.faults) more += " (" + fault + ')';
   log(request, reply.status, more);
   const json sent = shown(request.body);
@@ -114,7 +117,11 @@ void answerLibrary(Desk& desk, const Request& request, Response& response) {
       {"sent", sent},
       {"answered", answered.is_discarded() ? json(reply.body) : answered},
       {"faults", reply.faults}};
-  desk.service.store.addRequest(description.dump(-1, ' ', false, json::error_handler_t::replace));
+  try {
+    desk.service.store.addRequest(description.dump(-1, ' ', false, json::error_handler_t::replace));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "The request can't be kept: %s\n", error.what());
+  }
   desk.news.announce();
 
   response.status = reply.status;

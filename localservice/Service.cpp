@@ -168,17 +168,6 @@ constexpr Endpoint endpoints[] = {
     {"getAnyDeferredDeeplinks", deferredFields, "device_uuid", findDeferredLink},
 };
 
-// No object, either, if it is nested so deep that writing it down would take a stack without end.
-json parse(std::string_view body) {
-  bool flat = true;
-  return json::parse(
-      body,
-      [&](int depth, json::parse_event_t, const json&) {
-        return flat = flat && depth <= deepestBody;
-      },
-      false);
-}
-
 std::string fault(const json& request, std::span<const Field> fields) {
   for (const auto& [name, form, optional] : fields) {
     const auto value = request.find(name);
@@ -219,6 +208,16 @@ Answer grantOrRefuse(const Service& service, const Request& request) {
 }
 
 }  // namespace
+
+json parse(std::string_view text) {
+  bool flat = true;
+  return json::parse(
+      text,
+      [&](int depth, json::parse_event_t, const json&) {
+        return flat = flat && depth <= deepestBody;
+      },
+      false);
+}
 
 std::vector<std::string_view> endpointNames() {
   std::vector<std::string_view> names;

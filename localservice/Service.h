@@ -32,6 +32,10 @@ struct Answer {
   nlohmann::json body;
 };
 
+/// The value of a JSON text; discarded, also if it is nested so deep that writing it down would take
+/// a stack without end.
+[[nodiscard]] nlohmann::json parse(std::string_view text);
+
 /// Where the library calls, as a path: all endpoints begin so, and go on with their names.
 inline constexpr std::string_view endpointsPath = "/app/api/v1/";
 

@@ -207,7 +207,7 @@ TEST_F(LocalService, StandsAThousandRequestsOfEachKindAtOnce) {
 
 // What an application's own tests, or a page of another origin, may ask of the service.
 TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
-  ASSERT_EQ(createLink("tapped").status, 201);
+  ASSERT_EQ(createLink("tapped link").status, 201);
   ServiceProgram program(directory.path());
   URLSession::route("localhost", {program.https, program.caFile});
   const auto call = [&](const std::string& path) {
@@ -249,8 +249,11 @@ TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
     EXPECT_TRUE(matches(asUsual, "^200 .*uuid\":\"")) << row << asUsual;
   }
 
+  URLRequest deep(URL::parse("https://localhost" + api + "resolve").value());
+  deep.body = std::string(30000, '[');
+  EXPECT_EQ(quorva::test::outcome(URLSession::post(std::move(deep))).value().statusCode, 400);
   const auto kept = json::parse(browser.Get("/api/requests")->body).size();
-  EXPECT_EQ(kept, 1 + 3 * vectors.at("faults").size());
+  EXPECT_EQ(kept, 2 + 3 * vectors.at("faults").size());
   // A watcher hears of what was and of what comes, from where it was interrupted, until the end.
   std::string heard;
   std::promise<void> isThere;
