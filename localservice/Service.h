@@ -32,8 +32,8 @@ struct Answer {
   nlohmann::json body;
 };
 
-/// The value of a JSON text; discarded, also if it is nested so deep that writing it down would take
-/// a stack without end.
+/// The value of a JSON text; discarded, also if it is nested so deep that writing it down would
+/// take a stack without end.
 [[nodiscard]] nlohmann::json parse(std::string_view text);
 
 /// Where the library calls, as a path: all endpoints begin so, and go on with their names.
