@@ -146,6 +146,8 @@ Reply Faults::reply(std::string_view endpoint, const std::function<Answer()>& an
       }
     }
   }
+  // Those have none; a client would take it for the next answer.
+  if (reply.status == 204 || reply.status == 205 || reply.status == 304) reply.body.clear();
   return reply;
 }
 

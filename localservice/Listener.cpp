@@ -4,10 +4,10 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <functional>
-#include <limits>
 #include <list>
 #include <mutex>
 #include <stdexcept>
@@ -15,14 +15,15 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace localservice {
 namespace {
 
 constexpr const char* address = "127.0.0.1";
 
-// A connection that is kept delays the end.
-constexpr int keepAliveSeconds = 1;
+// How long the end waits for clients that don't take their answers.
+constexpr std::chrono::seconds patience{1};
 
 std::uint16_t bind(httplib::Server& server, std::uint16_t port) {
   socket_t listening = -1;
@@ -83,13 +84,33 @@ class ThreadPerConnection : public httplib::TaskQueue {
   std::list<std::jthread> ended_;  // which no longer touch this
 };
 
+int portOf(decltype(getsockname) endOf, int socket) {
+  sockaddr_in end{};
+  socklen_t size = sizeof end;
+  const bool isKnown = endOf(socket, reinterpret_cast<sockaddr*>(&end), &size) == 0;
+  return isKnown && end.sin_family == AF_INET ? ntohs(end.sin_port) : 0;
+}
+
+// The sockets of the connections to `port`; httplib doesn't tell them. Without a descriptor to look
+// for them there are none.
+std::vector<int> connectionsTo(int port) {
+  std::vector<int> sockets;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry("/proc/self/fd", error), end;
+       !error && entry != end; entry.increment(error)) {
+    const int descriptor = std::stoi(entry->path().filename());
+    if (portOf(getsockname, descriptor) == port) sockets.push_back(descriptor);
+  }
+  return sockets;
+}
+
 }  // namespace
 
-Listener::Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port)
+Listener::Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port,
+                   std::size_t requestsPerConnection)
     : server_(std::move(server)) {
   server_->set_tcp_nodelay(true);
-  server_->set_keep_alive_timeout(keepAliveSeconds);
-  server_->set_keep_alive_max_count(std::numeric_limits<std::size_t>::max());
+  server_->set_keep_alive_max_count(requestsPerConnection);
   // Asked for once the server can be told to stop, and not before.
   std::promise<void> listening;
   server_->new_task_queue = [&] {
@@ -103,19 +124,19 @@ Listener::Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port)
 
 Listener::~Listener() {
   server_->stop();
+  // What comes from now on isn't waited for.
+  for (int how = SHUT_RD;; how = SHUT_RDWR) {
+    for (const int connection : connectionsTo(port_)) ::shutdown(connection, how);
+    if (ended_.wait_for(patience) == std::future_status::ready) break;
+  }
 }
 
-void reset(int port) {
-  // httplib doesn't tell a request's socket.
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-    const int descriptor = std::stoi(entry.path().filename());
-    sockaddr_in peer{};
-    socklen_t size = sizeof peer;
-    if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
-        peer.sin_family == AF_INET && ntohs(peer.sin_port) == port) {
+void reset(int port, int peerPort) {
+  for (const int connection : connectionsTo(port)) {
+    if (portOf(getpeername, connection) == peerPort) {
       // Linux answers this with a reset.
       const sockaddr nobody{.sa_family = AF_UNSPEC, .sa_data = {}};
-      static_cast<void>(::connect(descriptor, &nobody, sizeof nobody));
+      static_cast<void>(::connect(connection, &nobody, sizeof nobody));
     }
   }
 }

@@ -12,12 +12,14 @@
 
 namespace localservice {
 
-/// Serves on 127.0.0.1, each connection in a thread of its own. Its end waits for the requests that
-/// are under way.
+/// Serves on 127.0.0.1, each connection in a thread of its own. Its end waits for the answers to
+/// the requests that have come, though not long for those who don't take them.
 class Listener {
  public:
-  /// Listens on `port`, or on any that is free if that is 0.
-  Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port);
+  /// Listens on `port`, or on any that is free if that is 0. Closes a connection after so many
+  /// requests.
+  Listener(std::unique_ptr<httplib::Server> server, std::uint16_t port,
+           std::size_t requestsPerConnection);
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
   ~Listener();
@@ -30,7 +32,7 @@ class Listener {
   std::future<void> ended_;
 };
 
-/// Breaks the connections that come from `port`, as a network does that fails.
-void reset(int port);
+/// Breaks the connection to `port` that comes from `peerPort`, as a network does that fails.
+void reset(int port, int peerPort);
 
 }  // namespace localservice

@@ -23,6 +23,9 @@ using nlohmann::json;
 // How often a page that hears nothing is looked for.
 constexpr std::chrono::seconds heartbeat{15};
 
+// How many requests are told at a time: nobody has to take more before the service can end.
+constexpr std::size_t batch = 20;
+
 constexpr const char* home = "127.0.0.1";
 
 void give(Response& response, const json& body, int status = 200) {
@@ -92,21 +95,19 @@ class Events {
   bool tell(httplib::DataSink& sink) {
     std::string text;
     const auto known = desk_.news.waitFor(known_.value_or(0), known_ ? heartbeat : heartbeat * 0);
-    if (desk_.news.isOver()) {
-      sink.done();
-      return true;
+    const bool isOver = desk_.news.isOver();
+    const auto requests = desk_.service.store.requestsAfter(last_, batch);
+    for (const auto& [number, description] : requests) {
+      text.append("event: request\nid: ").append(number).append("\ndata: ");
+      text.append(description).append("\n\n");
+      last_ = number;
     }
-    if (std::exchange(known_, known) == known) {
-      text = ":\n\n";
-    } else {
-      for (auto& [number, description] : desk_.service.store.requestsAfter(last_)) {
-        text.append("event: request\nid: ").append(number).append("\ndata: ");
-        text.append(description).append("\n\n");
-        last_ = number;
-      }
-      text += "event: changed\ndata: {}\n\n";
-    }
-    return sink.write(text.data(), text.size());
+    const bool isAll = requests.size() < batch;
+    if (isAll)
+      text += std::exchange(known_, known) == known ? ":\n\n" : "event: changed\ndata: {}\n\n";
+    if (!sink.write(text.data(), text.size())) return false;
+    if (isAll && isOver) sink.done();
+    return true;
   }
 
   Desk& desk_;
@@ -142,7 +143,7 @@ json links(Store& store) {
 
 json requests(Store& store) {
   json all = json::array();
-  for (const auto& [number, description] : store.requestsAfter("0"))
+  for (const auto& [number, description] : store.requestsAfter("0", Store::requestsKept))
     all.push_back(json::parse(description));
   return all;
 }
@@ -160,7 +161,9 @@ void tap(Store& store, const Request& request, Response& response) {
 
 void drawQRCode(const std::string& text, Response& response) {
   const std::unique_ptr<QRcode, decltype(&QRcode_free)> code(
-      QRcode_encodeString8bit(text.c_str(), 0, QR_ECLEVEL_M), QRcode_free);
+      QRcode_encodeData(static_cast<int>(text.size()),
+                        reinterpret_cast<const unsigned char*>(text.data()), 0, QR_ECLEVEL_M),
+      QRcode_free);
   if (!code) return refuse(response, 400, "No QR code can be made of this \"text\"");
   constexpr int margin = 4;
   const std::string side = std::to_string(code->width + 2 * margin);
@@ -182,6 +185,16 @@ void drawQRCode(const std::string& text, Response& response) {
 std::string shortened(const std::string& apiKey) {
   constexpr std::size_t shown = 4;
   return (apiKey.size() >= 3 * shown ? apiKey.substr(0, shown) : "") + "…";
+}
+
+bool refuseUnknown(const httplib::Request& request, Response& response) {
+  if (!response.body.empty()) return true;  // it's said
+  if (response.status != 404) {
+    refuse(response, response.status, "The request could not be read");
+  } else if (request.path.starts_with("/api/")) {
+    refuse(response, 404, "There is nothing at " + request.path);
+  }
+  return !response.body.empty();
 }
 
 void addRoutes(httplib::Server& server, Desk& desk) {

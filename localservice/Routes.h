@@ -25,6 +25,10 @@ struct Desk {
 /// Enough of an API key to know it again, and no more.
 [[nodiscard]] std::string shortened(const std::string& apiKey);
 
+/// Whether the response to what no route took is made: to what couldn't be read, and below "/api/".
+/// What else there is may be a link.
+[[nodiscard]] bool refuseUnknown(const httplib::Request& request, httplib::Response& response);
+
 /// Adds the page and its JSON interface; `desk` outlives the server. Refuses, for all paths, hosts
 /// that aren't this machine, and actions of other origins' pages.
 void addRoutes(httplib::Server& server, Desk& desk);

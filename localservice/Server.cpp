@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -28,8 +29,9 @@ using httplib::Response;
 using nlohmann::json;
 using Clock = std::chrono::system_clock;
 
-// What of a body is kept to be looked at.
+// What of a body is kept to be looked at, and of a request's line, in bytes.
 constexpr std::size_t largestKept = std::size_t{64} * 1024;
+constexpr std::size_t longestLine = 1000;
 
 template <auto read, auto destroy>
 auto fromPEM(const std::string& text) {
@@ -60,21 +62,30 @@ std::string text(Clock::time_point time) {
 void log(const Request& request, int status, const std::string& more) {
   std::string line = text(Clock::now()) + ' ' + request.method + ' ' + request.path + ' ' +
                      std::to_string(status) + more;
-  // What a client sent can't end the line.
+  // What a client sent can't end the line, nor fill the disk.
+  line.resize(std::min(line.size(), longestLine));
   std::ranges::replace_if(
       line, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
   std::fprintf(stderr, "%s\n", line.c_str());
 }
 
-// A body for a person to look at, without the whole API key.
+void shortenKeys(json& value) {
+  if (!value.is_structured()) return;
+  for (const auto& [name, child] : value.items()) {
+    if (name == "api_key") {
+      child = shortened(child.is_string() ? child.get<std::string>() : "");
+    } else {
+      shortenKeys(child);
+    }
+  }
+}
+
+// A body for a person to look at, without whole API keys.
 json shown(const std::string& body) {
   if (body.size() > largestKept) return std::to_string(body.size()) + " bytes";
   json value = parse(body);
   if (value.is_discarded()) return "No JSON: " + std::to_string(body.size()) + " bytes";
-  if (value.is_object() && value.contains("api_key")) {
-    const json& key = value["api_key"];
-    value["api_key"] = shortened(key.is_string() ? key.get<std::string>() : "");
-  }
+  shortenKeys(value);
   return value;
 }
 
@@ -82,20 +93,19 @@ json shown(const std::string& body) {
 json deviceOf(const json& sent, const json& answered) {
   for (const auto& [body, key] :
        {std::pair(&sent, "device_id"), {&sent, "device_uuid"}, {&answered, "uuid"}}) {
-    if (body->is_object() && body->contains(key)) return (*body)[key];
+    if (body->is_object() && body->contains(key) && (*body)[key].is_string()) return (*body)[key];
   }
   return "";
 }
 
 void answerLibrary(Desk& desk, const Request& request, Response& response) {
   const auto begun = Clock::now();
-  const bool isRead = response.status == 404;
   const bool isOurs = request.path.starts_with(endpointsPath);
   const std::string endpoint = isOurs ? request.path.substr(endpointsPath.size()) : request.path;
   const Reply reply = desk.faults.reply(endpoint, [&] {
-    return isRead ? answer(desk.service,
-                           {request.method, request.path, request.body, request.remote_addr})
-                  : refusal(400, "The request could not be read");
+    if (response.status != 404)
+      return refusal(response.status == 413 ? 413 : 400, "The request could not be read");
+    return answer(desk.service, {request.method, request.path, request.body, request.remote_addr});
   });
   desk.news.pause(reply.delay);
 
@@ -107,6 +117,7 @@ void answerLibrary(Desk& desk, const Request& request, Response& response) {
   for (const std::string& fault : reply.faults) more += " (" + fault + ')';
   log(request, reply.status, more);
   const json sent = shown(request.body);
+  const bool isText = answered.is_discarded() && reply.body.size() <= largestKept;
   const json description{
       {"time", text(begun)},
       {"endpoint", endpoint},
@@ -115,7 +126,7 @@ void answerLibrary(Desk& desk, const Request& request, Response& response) {
        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begun).count()},
       {"device", deviceOf(sent, answered)},
       {"sent", sent},
-      {"answered", answered.is_discarded() ? json(reply.body) : answered},
+      {"answered", isText ? json(reply.body) : shown(reply.body)},
       {"faults", reply.faults}};
   try {
     desk.service.store.addRequest(description.dump(-1, ' ', false, json::error_handler_t::replace));
@@ -128,10 +139,11 @@ void answerLibrary(Desk& desk, const Request& request, Response& response) {
   if (reply.isReset || reply.isHalf) {
     // After the head: what breaks before it on a kept connection, clients send again.
     response.set_content_provider(
-        reply.body.size(), "application/json",
-        [reply, port = request.remote_port](std::size_t, std::size_t, httplib::DataSink& sink) {
+        std::max<std::size_t>(reply.body.size(), 1), "application/json",
+        [reply, port = request.local_port, peerPort = request.remote_port](
+            std::size_t, std::size_t, httplib::DataSink& sink) {
           if (reply.isReset) {
-            reset(port);
+            reset(port, peerPort);
           } else {
             sink.write(reply.body.data(), reply.body.size() / 2);
           }
@@ -143,7 +155,7 @@ void answerLibrary(Desk& desk, const Request& request, Response& response) {
 }
 
 void answerBrowser(Desk& desk, const Request& request, Response& response) {
-  if (response.status != 404 || !response.body.empty()) return;  // the page's own answer
+  if (refuseUnknown(request, response)) return;
   const Page page =
       visit(desk.service, {request.method, request.target, request.get_header_value("User-Agent"),
                            request.remote_addr});
@@ -162,6 +174,7 @@ void answerBrowser(Desk& desk, const Request& request, Response& response) {
 // what else it found wrong.
 void handleAll(httplib::Server& server, Desk& desk,
                void (*handle)(Desk&, const Request&, Response&)) {
+  server.set_payload_max_length(largestBody);
   server.set_error_handler(httplib::Server::HandlerWithResponse(
       [&desk, handle](const Request& request, Response& response) {
         handle(desk, request, response);
@@ -182,8 +195,11 @@ void serve(const Service& service, const Identity& identity, Ports wanted,
   addRoutes(*plain, desk);
   handleAll(*plain, desk, answerBrowser);
 
-  const Listener library(std::move(secure), wanted.https);
-  const Listener browser(std::move(plain), wanted.http);
+  constexpr auto asManyAsWanted = std::numeric_limits<std::size_t>::max();
+  const Listener library(std::move(secure), wanted.https, asManyAsWanted);
+  // The body of a request that was refused isn't read: the rest of its connection could say
+  // anything, in the name of another page.
+  const Listener browser(std::move(plain), wanted.http, 1);
   meanwhile({library.port(), browser.port()});
   desk.news.end();
 }

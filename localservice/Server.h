@@ -1,5 +1,5 @@
 // The service on this machine: HTTPS for the library, plain HTTP for browsers that open links.
-// Prints a line about each request to the standard output, never with an API key.
+// Writes a line about each request to the standard error, never with an API key.
 
 #pragma once
 
@@ -18,7 +18,7 @@ struct Ports {
 };
 
 /// Listens on 127.0.0.1, with threads of its own, while `meanwhile` runs, which is given the ports.
-/// Then it stops, once the requests under way are answered. Throws std::runtime_error with one
+/// Then it stops, once the requests that have come are answered. Throws std::runtime_error with one
 /// readable line if it can't listen.
 void serve(const Service& service, const Identity& identity, Ports wanted,
            const std::function<void(Ports bound)>& meanwhile);

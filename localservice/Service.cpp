@@ -15,7 +15,6 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::size_t largestBody = std::size_t{1024} * 1024;
 constexpr int deepestBody = 16;
 
 struct Form {

@@ -4,6 +4,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -40,6 +41,9 @@ struct Answer {
 inline constexpr std::string_view endpointsPath = "/app/api/v1/";
 
 [[nodiscard]] std::vector<std::string_view> endpointNames();
+
+/// In bytes.
+inline constexpr std::size_t largestBody = std::size_t{1024} * 1024;
 
 [[nodiscard]] Answer answer(const Service& service, const Request& request);
 

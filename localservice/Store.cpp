@@ -46,7 +46,8 @@ constexpr const char* versions[] = {R"(
   ALTER TABLE device ADD COLUMN pings INTEGER NOT NULL DEFAULT 0;
   UPDATE device SET first_seen = last_seen;
   CREATE TABLE request(number INTEGER PRIMARY KEY AUTOINCREMENT, description TEXT NOT NULL);
-)"};
+)",
+                                    "CREATE INDEX tapsOfLink ON tap(domain, path);"};
 
 constexpr int busyMilliseconds = 5000;
 
@@ -162,14 +163,17 @@ std::optional<Tap> Store::claimTap(const std::string& address, const std::string
 
 void Store::addRequest(const std::string& description) {
   run("INSERT INTO request(description) VALUES(?)", {description});
-  run("DELETE FROM request WHERE number <= (SELECT max(number) FROM request) - 1000", {});
+  run("DELETE FROM request WHERE number <= (SELECT max(number) FROM request) - ?",
+      {std::to_string(requestsKept)});
 }
 
-std::vector<Store::NumberedRequest> Store::requestsAfter(const std::string& number) {
+std::vector<Store::NumberedRequest> Store::requestsAfter(const std::string& number,
+                                                         std::size_t most) {
   std::vector<NumberedRequest> requests;
   for (Row& row : run("SELECT number, description FROM request "
-                      "WHERE number > CAST(? AS INTEGER) ORDER BY number",
-                      {number})) {
+                      "WHERE number > iif(CAST(?1 AS INTEGER) > (SELECT max(number) FROM request),"
+                      "  0, CAST(?1 AS INTEGER)) ORDER BY number LIMIT CAST(?2 AS INTEGER)",
+                      {number, std::to_string(most)})) {
     requests.push_back({std::move(row[0]), std::move(row[1])});
   }
   return requests;

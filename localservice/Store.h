@@ -9,6 +9,7 @@
 
 #include <sqlite3.h>
 
+#include <cstddef>
 #include <filesystem>
 #include <initializer_list>
 #include <memory>
@@ -82,15 +83,18 @@ class Store {
   [[nodiscard]] std::optional<Tap> claimTap(const std::string& address,
                                             const std::string& deviceId);
 
-  /// Keeps what a request was, as JSON, as one of the last thousand.
+  static constexpr std::size_t requestsKept = 1000;
+  /// Keeps what a request was, as JSON, while it's one of the last.
   void addRequest(const std::string& description);
 
   struct NumberedRequest {
     std::string number;  // grows with each, also over restarts
     std::string description;
   };
-  /// The requests after the one with that number, "0" for all that are kept, oldest first.
-  [[nodiscard]] std::vector<NumberedRequest> requestsAfter(const std::string& number);
+  /// The requests after the one with that number, oldest first, and not more than `most`; all that
+  /// are kept come after "0", and after a number that isn't reached yet: it is another file's.
+  [[nodiscard]] std::vector<NumberedRequest> requestsAfter(const std::string& number,
+                                                           std::size_t most);
 
  private:
   using Row = std::vector<std::string>;

@@ -212,7 +212,7 @@ TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
   URLSession::route("localhost", {program.https, program.caFile});
   const auto call = [&](const std::string& path) {
     URLRequest posted(URL::parse("https://localhost" + api + path).value());
-    posted.body = request(path, json::object());
+    posted.body = request(path, {{"more", {{"api_key", "another secret"}}}});
     const auto reply = quorva::test::outcome(URLSession::post(std::move(posted)));
     return reply ? std::to_string(reply->statusCode) + " " + reply->body
                  : reply.error().localizedDescription();
@@ -238,6 +238,19 @@ TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
     EXPECT_TRUE(matches(given->body, row[5])) << row << given->body;
   }
 
+  // What follows a request that was refused before it was read isn't one.
+  const int stranger = connected(program.http);
+  const std::string posting = "POST /api/faults HTTP/1.1\r\nHost: localhost\r\nContent-Type: ";
+  for (const std::string& part : {posting + "text/plain\r\nContent-Length: 200\r\n\r\n",
+                                  posting + "application/json\r\nContent-Length: 31\r\n\r\n" +
+                                      R"({"endpoint":"*","kind":"reset"})"}) {
+    ::send(stranger, part.data(), part.size(), MSG_NOSIGNAL);
+    std::array<char, 4096> answer{};
+    recv(stranger, answer.data(), answer.size(), 0);
+  }
+  close(stranger);
+  EXPECT_EQ(browser.Get("/api/faults")->body, "[]");
+
   for (const json& row : vectors.at("faults")) {
     json fault = row[0];
     fault.update({{"endpoint", "retrieveDeviceId"}, {"once", true}});
@@ -249,11 +262,22 @@ TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
     EXPECT_TRUE(matches(asUsual, "^200 .*uuid\":\"")) << row << asUsual;
   }
 
-  URLRequest deep(URL::parse("https://localhost" + api + "resolve").value());
-  deep.body = std::string(30000, '[');
-  EXPECT_EQ(quorva::test::outcome(URLSession::post(std::move(deep))).value().statusCode, 400);
-  const auto kept = json::parse(browser.Get("/api/requests")->body).size();
-  EXPECT_EQ(kept, 2 + 3 * vectors.at("faults").size());
+  const std::pair<std::string, int> oversized[] = {
+      {std::string(30'000, '['), 400},
+      {request("resolve", {{"short_url", std::string(100'000, 'x')}}), 404},
+      {std::string(2'000'000, ' '), 413}};
+  for (const auto& [body, status] : oversized) {
+    URLRequest posted(URL::parse("https://localhost" + api + "resolve").value());
+    posted.headers = {"Content-Type: application/json"};
+    posted.body = body;
+    EXPECT_EQ(quorva::test::outcome(URLSession::post(std::move(posted))).value().statusCode,
+              status);
+  }
+  const std::string requests = browser.Get("/api/requests")->body;
+  EXPECT_LT(requests.size(), 100'000u);
+  EXPECT_EQ(requests.find("another secret"), requests.npos);
+  const auto kept = json::parse(requests).size();
+  EXPECT_EQ(kept, 4 + 3 * vectors.at("faults").size());
   // A watcher hears of what was and of what comes, from where it was interrupted, until the end.
   std::string heard;
   std::promise<void> isThere;
@@ -272,6 +296,26 @@ TEST_F(LocalService, CanBeWatchedAndDisturbedFromThisMachineAlone) {
   EXPECT_EQ(matches(heard, "event: request\nid: [0-9]+\ndata: \\{"), 2) << heard;
 }
 
+TEST_F(LocalService, EndsAlsoWhileAClientGoesOnAndOn) {
+  ServiceProgram program(directory.path());
+  const int idle = connected(program.https);
+  std::promise<void> isHeard;
+  std::future<void> talking = std::async([&, client = connected(program.http)] {
+    std::string part =
+        "POST /api/taps HTTP/1.1\r\nHost: localhost\r\n"
+        "Content-Type: application/json\r\nContent-Length: 1000000000000\r\n\r\n";
+    std::size_t parts = 0;
+    for (; send(client, part.data(), part.size(), MSG_NOSIGNAL) > 0; part.resize(1 << 16))
+      if (++parts == 1000) isHeard.set_value();  // more than any buffer holds
+    EXPECT_GE(parts, 1000u);
+    close(client);
+  });
+  isHeard.get_future().wait();
+  program.stop();
+  talking.wait();
+  close(idle);
+}
+
 TEST_F(LocalService, BringsAnEarlierFileUpToDate) {
   sqlite3* file = nullptr;
   const std::string name = directory.path() / "service.sqlite";
@@ -279,7 +323,7 @@ TEST_F(LocalService, BringsAnEarlierFileUpToDate) {
   ASSERT_EQ(sqlite3_exec(file,
                          "ALTER TABLE device DROP COLUMN first_seen;"
                          "ALTER TABLE device DROP COLUMN pings;"
-                         "DROP TABLE request; PRAGMA user_version = 0",
+                         "DROP TABLE request; DROP INDEX tapsOfLink; PRAGMA user_version = 0",
                          nullptr, nullptr, nullptr),
             SQLITE_OK);
   Store upgraded(name);
@@ -287,8 +331,9 @@ TEST_F(LocalService, BringsAnEarlierFileUpToDate) {
   EXPECT_EQ(upgraded.devices()[0].firstSeen, upgraded.devices()[0].lastSeen);
   EXPECT_EQ(Store(name).devices()[0].id, device);
   for (int i = 1; i <= 1002; ++i) upgraded.addRequest("{}");
-  EXPECT_EQ(upgraded.requestsAfter("0").size(), 1000u);
-  EXPECT_EQ(upgraded.requestsAfter("1001").at(0).number, "1002");
+  EXPECT_EQ(upgraded.requestsAfter("0", 2000).size(), 1000u);
+  EXPECT_EQ(upgraded.requestsAfter("1001", 20).at(0).number, "1002");
+  EXPECT_EQ(upgraded.requestsAfter("5000", 20).at(0).number, "3") << "another file's";
   sqlite3_exec(file, "PRAGMA user_version = 99", nullptr, nullptr, nullptr);
   sqlite3_close(file);
   EXPECT_THROW(Store{name}, std::runtime_error);

@@ -152,6 +152,8 @@ class Page(unittest.TestCase):
         spring.find_element(By.CSS_SELECTOR, ".tap").click()
         self.wait(lambda: "hears of it" in self.one("#state").text)
         self.wait(lambda: "Tapped1 time" in "".join(self.texts(".link")))
+        self.assertTrue(spring.find_element(By.CSS_SELECTOR, ".qr").get_attribute("open"))
+        self.assertEqual(self.browser.switch_to.active_element.text, "Tap before the installation")
         self.assertIn("tapped before install:   https://go.shop.example/spring\n",
                       self.quickstart("--application", "com.example.other"))
 

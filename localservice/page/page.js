@@ -31,6 +31,7 @@ const attempt = (action, otherwise = tell) => async (event) => {
 };
 
 function fillList(list, pairs) {
+  list.replaceChildren();
   for (const [name, value] of pairs) {
     if (value === '' || value === undefined) continue;
     const term = document.createElement('dt');
@@ -91,27 +92,29 @@ function addRequest(request) {
 filter.addEventListener('change', applyFilter);
 filter.addEventListener('submit', (event) => event.preventDefault());
 
-// What is listed as a whole. A row that stays the same stays, with what is open or focused in it.
+// What is listed as a whole. What is open or focused in a row stays so while the row's item is there.
 
-async function refresh(section, path, make) {
+async function refresh(section, path, key, make, fill) {
   const items = await call('GET', path);
   const list = find(`#${section} .rows`);
-  const kept = new Map([...list.children].map((row) => [row.dataset.item, row]));
-  const rows = items.map((item) => {
+  const names = items.map((item) => String(item[key]));
+  const focused = document.activeElement;
+  for (const row of [...list.children]) if (!names.includes(row.dataset.key)) row.remove();
+  const kept = new Map([...list.children].map((row) => [row.dataset.key, row]));
+  items.forEach((item, i) => {
+    const row = kept.get(names[i]) ?? make(item);
+    row.dataset.key = names[i];
     const text = JSON.stringify(item);
-    const row = kept.get(text) ?? make(item);
+    if (row.dataset.item !== text) fill(row, item);
     row.dataset.item = text;
-    return row;
+    if (list.children[i] !== row) list.insertBefore(row, list.children[i]);
   });
-  const isSame = rows.length === list.children.length
-    && rows.every((row, i) => row === list.children[i]);
-  if (!isSame) list.replaceChildren(...rows);
-  find(`#${section} .empty`).hidden = rows.length > 0;
+  if (focused !== document.activeElement) focused.focus({ preventScroll: true });
+  find(`#${section} .empty`).hidden = items.length > 0;
   return items;
 }
 
-function makeLink(link) {
-  const row = copyOf('link');
+function fillLink(row, link) {
   const about = link.description;
   const set = (name, text) => {
     find(name, row).textContent = text ?? '';
@@ -134,6 +137,10 @@ function makeLink(link) {
     ['Created', localTime(link.created)],
     ['Tapped', `${link.taps} ${link.taps === 1 ? 'time' : 'times'}`],
   ]);
+}
+
+function makeLink(link) {
+  const row = copyOf('link');
   find('.copy', row).addEventListener('click', attempt(async () => {
     await navigator.clipboard.writeText(link.short_url);
     tell(`Copied ${link.short_url}`);
@@ -153,13 +160,16 @@ function makeLink(link) {
   return row;
 }
 
-function makeDevice(device) {
-  const row = copyOf('device');
+function fillDevice(row, device) {
   find('.id', row).textContent = device.id;
   find('.seen', row).textContent = `First seen ${localTime(device.first_seen)}, last seen `
     + `${localTime(device.last_seen)}; ${device.pings} ${device.pings === 1 ? 'ping' : 'pings'}; `
     + `API key ${device.api_key}`;
   fillList(find('dl', row), Object.entries(device.description));
+}
+
+function makeDevice(device) {
+  const row = copyOf('device');
   find('.forget', row).addEventListener('click', attempt(async () => {
     await call('DELETE', `/api/devices/${encodeURIComponent(device.id)}`);
     tell(`Forgot ${device.id}`);
@@ -169,11 +179,14 @@ function makeDevice(device) {
 
 const newFault = find('#new-fault');
 
-function makeFault(fault) {
-  const row = copyOf('fault');
+function fillFault(row, fault) {
   const kind = [...newFault.kind.options].find((option) => option.value === fault.kind).text;
   find('.what', row).textContent = `${fault.endpoint === '*' ? 'any endpoint' : fault.endpoint}: `
     + `${kind}${fault.value === null ? '' : ` (${fault.value})`}${fault.once ? ', once' : ''}`;
+}
+
+function makeFault(fault) {
+  const row = copyOf('fault');
   find('button', row).addEventListener('click', attempt(
     () => call('DELETE', `/api/faults/${fault.id}`)));
   return row;
@@ -201,9 +214,9 @@ newFault.addEventListener('submit', attempt(async (event) => {
 }, (problem) => (find('.problem', newFault).textContent = problem)));
 
 async function refreshAll() {
-  await refresh('links', '/api/links', makeLink);
-  await refresh('devices', '/api/devices', makeDevice);
-  const faults = await refresh('faults', '/api/faults', makeFault);
+  await refresh('links', '/api/links', 'short_url', makeLink, fillLink);
+  await refresh('devices', '/api/devices', 'id', makeDevice, fillDevice);
+  const faults = await refresh('faults', '/api/faults', 'id', makeFault, fillFault);
   find('#faults-on').textContent = `${faults.length} on`;
   find('#faults-on').hidden = faults.length === 0;
 }
@@ -233,7 +246,8 @@ events.addEventListener('changed', () => {
   changed();
 });
 events.addEventListener('open', () => tell('Live'));
-events.addEventListener('error', () => tell('The service doesn’t answer; trying again …'));
+events.addEventListener('error', () => tell(`The service doesn’t answer; ${
+  events.readyState === EventSource.CLOSED ? 'load the page again' : 'trying again …'}`));
 
 for (const name of await call('GET', '/api/endpoints')) {
   addOption(newFault.endpoint, name);
