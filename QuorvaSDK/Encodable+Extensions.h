@@ -14,8 +14,7 @@ namespace quorva {
 
 /// The dictionary that an encoded record is; absent where it is none. A record that can't be
 /// encoded is logged.
-[[nodiscard]] std::optional<platform::JSONValue::Object> toDictionary(
-    const platform::JSONValue& encoded);
+[[nodiscard]] std::optional<platform::JSONValue::Object> toDictionary(platform::JSONValue encoded);
 
 template <platform::Encodable T>
 [[nodiscard]] std::optional<platform::JSONValue::Object> toDictionary(const T& record) {

@@ -1,7 +1,10 @@
 #include "platform/Codable.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
+
+#include "platform/Text.h"
 
 namespace quorva::platform {
 namespace {
@@ -88,6 +91,17 @@ std::map<std::string, std::string> decode(const JSONValue& json, const CodingPat
     texts.try_emplace(key, decode<std::string>(value, keyPath));
   }
   return texts;
+}
+
+bool canBeWritten(const JSONValue& value) noexcept {
+  if (const auto* digits = value.as<JSONValue::Number>()) return !digits->text.empty();
+  if (const auto* text = value.as<std::string>()) return isValidUTF8(*text);
+  if (const auto* array = value.as<JSONValue::Array>())
+    return std::ranges::all_of(*array, canBeWritten);
+  const auto* object = value.as<JSONValue::Object>();
+  return !object || std::ranges::all_of(*object, [](const auto& entry) {
+    return isValidUTF8(entry.first) && canBeWritten(entry.second);
+  });
 }
 
 JSONValue encode(const URL& value) {

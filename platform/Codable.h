@@ -124,6 +124,9 @@ template <class T>
   }
 }
 
+/// Whether `value` can be written as text: it's all UTF-8, and its numbers are finite.
+[[nodiscard]] bool canBeWritten(const JSONValue& value) noexcept;
+
 [[nodiscard]] JSONValue encode(const URL& value);
 [[nodiscard]] JSONValue encode(const std::map<std::string, std::string>& value);
 
@@ -131,6 +134,7 @@ template <class T>
 template <Record T>
 [[nodiscard]] JSONValue encode(const T& record) {
   JSONValue::Object object;
+  object.reserve(std::tuple_size_v<decltype(T::codingKeys())>);
   const auto write = [&]<class Value>(const CodingKey<T, Value>& key) {
     const Value& value = record.*key.member;
     if constexpr (isOptional<Value>) {

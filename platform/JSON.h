@@ -82,6 +82,13 @@ class QUORVA_EXPORT JSONValue {
     return std::get_if<T>(&value_);
   }
 
+  /// Takes the value as a `T` out of this one, if it is one.
+  template <class T>
+  [[nodiscard]] std::optional<T> take() && {
+    T* value = std::get_if<T>(&value_);
+    return value ? std::optional(std::move(*value)) : std::nullopt;
+  }
+
   /// The value under `key`, or null where this is no object or has no such key.
   [[nodiscard]] const JSONValue* find(std::string_view key) const noexcept;
 

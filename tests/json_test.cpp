@@ -132,7 +132,10 @@ TEST(JSON, WritesTextsAndContainersCompactly) {
       {JSONValue::Object{{"z", "1"}, {"a", 2}, {"é", 3}}, R"({"z":"1","a":2,"é":3})"},
       {JSONValue::Object{{"d", JSONValue::Object{{"a", JSONValue::Array{1, "x"}}}}},
        R"({"d":{"a":[1,"x"]}})"}};
-  for (const auto& [value, text] : rows) EXPECT_EQ(*serializeJSON(value), text);
+  for (const auto& [value, text] : rows) {
+    EXPECT_EQ(*serializeJSON(value), text);
+    EXPECT_TRUE(canBeWritten(value));
+  }
 }
 
 TEST(JSON, RefusesToWriteWhatItCannotHold) {
@@ -141,6 +144,7 @@ TEST(JSON, RefusesToWriteWhatItCannotHold) {
         JSONValue(JSONValue::Object{{"\xC0\x80", 1}})}) {
     const auto result = serializeJSON(value);
     ASSERT_FALSE(result);
+    EXPECT_FALSE(canBeWritten(value));
     EXPECT_TRUE(result.error().as<EncodingError>());
     EXPECT_EQ(result.error().localizedDescription(),
               "The data couldn’t be written because it isn’t in the correct format.");
