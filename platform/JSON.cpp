@@ -23,6 +23,7 @@ namespace ondemand = simdjson::ondemand;
 
 constexpr int maximumDepth = 512;
 constexpr double exactIntegers = 9007199254740992.0;  // 2^53: beyond it doubles skip whole numbers
+constexpr std::size_t usualSize = 1024;  // of a text that is written, in bytes
 
 // The number that `token` spells, white space around it aside. simdjson hands a number out as the
 // characters up to the next structural one, without a look at them.
@@ -205,6 +206,7 @@ Result<JSONValue> parseJSON(std::string_view text) {
 Result<std::string> serializeJSON(const JSONValue& value) {
   try {
     std::string text;
+    text.reserve(usualSize);
     write(text, value);
     return text;
   } catch (const Error& error) {

@@ -422,10 +422,9 @@ class Network {
     };
     for (const auto& header : request.headers) append(transfer.headers, header);
     append(transfer.headers, "Expect:");  // a large body goes out at once, without asking first
-    const auto routed = routeTo(request.url.host());
-    if (routed)
-      append(transfer.connectTo,
-             request.url.host() + "::127.0.0.1:" + std::to_string(routed->port));
+    const std::string host = request.url.host();
+    const auto routed = routeTo(host);
+    if (routed) append(transfer.connectTo, host + "::127.0.0.1:" + std::to_string(routed->port));
 
     options.set(CURLOPT_ERRORBUFFER, transfer.message.data());
     options.set(CURLOPT_URL, request.url.absoluteString().c_str());
