@@ -28,13 +28,11 @@
 namespace {
 
 constexpr const char* usage =
-    R"(Usage: quorva-localservice --state DIR [--port N] [--http-port N] [--host NAME]
-                           [--app-scheme NAME] [--refuse-key KEY]... [--print-ready]
+    R"(Usage: quorva-localservice --state DIR [OPTION]...
 
 Serves short links on 127.0.0.1, to develop and test against, until SIGINT or SIGTERM: to the
-library over HTTPS, and over plain HTTP to browsers, that open a link or the service's own page:
-what the application says to the service, and what is to go wrong. Requests are logged to the
-standard error.
+library over HTTPS, and over plain HTTP to browsers, that open a link, or the service's own page
+with what applications said and what is to go wrong. Requests are logged to the standard error.
 
   --state DIR        where devices, links, taps, requests and the certificate authority are kept
   --port N           the port for the library; 0, or one not given, is any that is free
