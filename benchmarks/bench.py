@@ -226,7 +226,7 @@ def start_up(bench, report):
         run("strace", "-f", "-o", trace, *program)
         lines = trace.read_text().splitlines()
         loaded = max(i for i, line in enumerate(lines) if "munmap(" in line)  # the loader's cache
-        return len(lines) - loaded, sum("clone" in line for line in lines)
+        return len(lines) - loaded, sum("clone" in line.split("(")[0] for line in lines)
     calls, threads = calls_after_loading(library)
     report.add("system calls beyond loading, never used",
                calls - calls_after_loading(limit)[0], "calls")
