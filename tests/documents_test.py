@@ -1,0 +1,156 @@
+#!/usr/bin/python3
+"""What the documents say, held against what is: their listings compile, the first program of
+getting-started.md is built and run as it stands there, links lead somewhere, and errors, settings
+and what is sent are all named.
+
+    documents_test.py SERVICE QUICKSTART
+"""
+
+import json
+import os
+import re
+import sqlite3
+import subprocess
+import sys
+import tempfile
+import unittest
+import urllib.request
+from pathlib import Path
+
+SERVICE, QUICKSTART = sys.argv[1:3]
+SOURCE = Path(__file__).resolve().parent.parent
+DOCUMENTS = {path: path.read_text() for path in (SOURCE / "README.md", *sorted(SOURCE.glob("docs/*.md")))}
+PRELUDE = "#include <QuorvaSDK/QuorvaSDK.h>\nusing namespace quorva;\n"
+
+
+def run(*command, **more):
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                          timeout=300, check=False, **more)
+    assert done.returncode == 0, "%s\n%s" % (" ".join(map(str, command)), done.stdout)
+    return done.stdout
+
+
+def listings(path, language):
+    """Each with the number of its first line."""
+    text = DOCUMENTS[path]
+    for found in re.finditer(r"^```%s\n(.*?)^```$" % language, text, re.M | re.S):
+        yield text.count("\n", 0, found.start()) + 2, found[1]
+
+
+def table(path, head):
+    """The names in the first column of each table whose head is that."""
+    for found in re.finditer(r"^\| %s \|.*\n\|[-|]+\|\n((?:\|.*\n)+)" % re.escape(head),
+                             DOCUMENTS[path], re.M):
+        yield {name for row in found[1].splitlines()
+               for name in re.findall(r"`([^`]+)`", row.split("|")[1])}
+
+
+def keys(values):
+    """Those of an object, and of the objects in it below the name of each."""
+    found = {"": set(values)}
+    for name, value in values.items():
+        if isinstance(value, dict):
+            found[name] = set(value)
+    return found
+
+
+class Documents(unittest.TestCase):
+    def test_listings_compile(self):
+        fragments, programs = [], []
+        for path in DOCUMENTS:
+            for line, code in listings(path, "cpp"):
+                mark = '#line %d "%s"\n' % (line, path)
+                if "int main(" in code:
+                    programs.append(mark + code)
+                else:
+                    # Its headers outside, and the rest in a namespace of its own.
+                    headers = "".join(re.findall(r"^#include.*\n", code, re.M))
+                    body = re.sub(r"^#include.*$", "", code, flags=re.M)
+                    fragments.append("%s%snamespace listing%d {\n%s%s}\n" % (
+                        headers, PRELUDE, len(fragments), mark, body))
+        self.assertGreater(len(fragments), 8)
+        for unit in programs + ["".join(fragments)]:
+            run("g++", "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Werror",
+                "-Wno-subobject-linkage",  # of what #line says is in a header
+                "-I", SOURCE, "-x", "c++", "-", input=unit)
+
+    def test_links_lead_somewhere(self):
+        for path, text in DOCUMENTS.items():
+            text = re.sub(r"^```.*?^```", "", text, flags=re.M | re.S)
+            for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", text):
+                self.assertTrue((path.parent / target).exists(), "%s: %s" % (path.name, target))
+
+    def test_every_error_is_named(self):
+        text = DOCUMENTS[SOURCE / "docs/errors.md"]
+        for name, count in (("QuorvaSDK/QuorvaError.h", 9), ("platform/URLError.h", 16),
+                            ("platform/JSON.h", 4)):
+            code = (SOURCE / name).read_text()
+            cases = re.findall(r"^    (\w+)(?: = -\d+)?,", code, re.M)
+            self.assertEqual(len(cases), count, name)
+            for case in cases:
+                self.assertIn("`%s`" % case, text)
+        for name in ("QuorvaSDK/QuorvaError.cpp", "platform/URLError.cpp", "platform/JSON.cpp"):
+            code = re.sub(r'"\s+"', "", (SOURCE / name).read_text())
+            for said in re.findall(r'"([^"\n]{7,}?[^"\n ])[ -]*"', code):
+                if " " in said and "SIMD" not in said and "URL error" not in said:
+                    self.assertIn(said, text, name)
+
+
+class Service(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.service = subprocess.Popen(
+            [SERVICE, "--state", self.folder / "state", "--print-ready"],
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+        self.addCleanup(self.stop)
+        self.ready = json.loads(self.service.stdout.readline())
+        self.port = self.ready["service"].rsplit(":")[-1]
+        self.environment = {**os.environ, "XDG_DATA_HOME": str(self.folder / "data")}
+
+    def stop(self):
+        self.service.terminate()
+        self.assertEqual(self.service.wait(timeout=60), 0)
+        self.service.stdout.close()
+
+    def test_getting_started_starts(self):
+        path = SOURCE / "docs/getting-started.md"
+        (_, project), = listings(path, "cmake")
+        (_, program), = listings(path, "cpp")
+        folder = self.folder / "shop"
+        folder.mkdir()
+        (folder / "CMakeLists.txt").write_text(project.replace("/path/to/QuorvaSDK", str(SOURCE)))
+        (folder / "main.cpp").write_text(program)
+        run("cmake", "-S", folder, "-B", folder / "build", "-G", "Ninja",
+            "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
+        run("cmake", "--build", folder / "build")
+        said = run(folder / "build/shop", self.port, self.ready["ca"], env=self.environment)
+        self.assertRegex(said, r"^https://go\.shop\.example/\w{8}\n$")
+
+    def test_what_is_stored_and_sent_is_named(self):
+        run(QUICKSTART, "--port", self.port, "--ca", self.ready["ca"], env=self.environment)
+        path = SOURCE / "docs/settings-and-privacy.md"
+        settings, = self.folder.glob("data/quorva/*.sqlite")
+        with sqlite3.connect(settings) as file:
+            stored = {key for key, in file.execute("SELECT key FROM settings")}
+        self.assertEqual([stored], list(table(path, "key")))
+
+        with urllib.request.urlopen(self.ready["page"] + "api/requests") as answer:
+            sent = {request["endpoint"]: keys(request["sent"]) for request in json.load(answer)}
+        identity, ping, link, resolve, deferred = table(path, "field")
+        data, = table(path, "field of `data`")
+        info, = table(path, "field of `device_info`")
+        self.assertEqual(sent["retrieveDeviceId"], {"": identity, "data": data})
+        self.assertEqual(sent["device_ping"], {"": ping, "device_info": info})
+        self.assertEqual(sent["resolve"], {"": resolve})
+        self.assertEqual(sent["getAnyDeferredDeeplinks"], {"": deferred})
+        # The quick start sets a part of them.
+        self.assertLess(sent["create_link"][""], link)
+        builder = (SOURCE / "QuorvaSDK/QVDynamicLinkBuilder.cpp").read_text()
+        self.assertEqual(set(re.findall(r'CodingKey\{"(\w+)"', builder)), link)
+        self.assertEqual(len(sent), 5)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1], verbosity=2)
