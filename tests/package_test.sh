@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs the library, shared and static, into an empty prefix, moves that elsewhere, and has users'
 # programs find it there: by CMake and by pkg-config, with g++ and with clang++, also without
-# exceptions and type information. They run against the local service.
+# exceptions and type information. Others have it in their own tree. They run against the local
+# service. What is installed, and the shared library's interface, are compared with what was accepted
+# last; with QUORVA_ACCEPT set, what is there now is accepted.
 #
 #     package_test.sh SOURCE SERVICE
 set -euo pipefail
@@ -23,9 +25,34 @@ quietly() {
   }
 }
 
+accepted=$source/tests/package
+
 # Compares what there is with a list in the tree.
 compare() {
-  diff -u "$source/tests/package/$1" - || fail "$1 says something else"
+  if [[ -n ${QUORVA_ACCEPT-} ]]; then
+    cat >"$accepted/$1"
+  else
+    diff -u "$accepted/$1" - || fail "$1 says something else (QUORVA_ACCEPT=1 accepts this)"
+  fi
+}
+
+# Compares the interface with the one in the tree, which is amd64's; what is only new is compatible.
+# Both are dumps, since abidiff overlooks changes between a dump and a library.
+compare_interface() {
+  if [[ $(uname -m) != x86_64 ]] || ! command -v abidiff >/dev/null; then
+    echo "package_test: there is no abidiff, or no amd64; the interface isn't compared"
+    return
+  fi
+  abidw --headers-dir "$scratch/shared/include" --drop-private-types --exported-interfaces-only --no-show-locs \
+    --no-corpus-path --no-comp-dir-path --no-elf-needed --no-parameter-names --type-id-style hash \
+    --out-file "$scratch/interface.abi" "$scratch/shared/lib/libQuorvaSDK.so"
+  if [[ -n ${QUORVA_ACCEPT-} ]]; then
+    gzip -9nc "$scratch/interface.abi" >"$accepted/interface.abi.gz"
+  else
+    gzip -dc "$accepted/interface.abi.gz" >"$scratch/accepted.abi"
+    abidiff --no-added-syms "$scratch/accepted.abi" "$scratch/interface.abi" ||
+      fail "the interface isn't compatible with the accepted one (QUORVA_ACCEPT=1 accepts this)"
+  fi
 }
 
 compilers=(g++)
@@ -34,6 +61,10 @@ if command -v clang++ >/dev/null; then
 else
   echo "package_test: there is no clang++; g++ alone is tried"
 fi
+
+# Debug information is for the interface's comparison. Without folders' names in it, each source is
+# compiled once for all four builds.
+export CXXFLAGS="-g '-ffile-prefix-map=$source=.'" CCACHE_NOHASHDIR=1
 
 mkfifo "$scratch/ready"
 
@@ -66,7 +97,7 @@ for kind in shared static; do
   for compiler in "${compilers[@]}"; do
     user=$scratch/$kind-$compiler
     quietly cmake -S "$source/tests/package" -B "$user" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
-      -DCMAKE_PREFIX_PATH="$prefix" -DSOURCE="$source/examples/quickstart.cpp"
+      -DWAY=find_package -DCMAKE_PREFIX_PATH="$prefix" -DPROGRAM="$source/examples/quickstart.cpp"
     quietly cmake --build "$user"
     run_user "$user/user" --port PORT --ca "$scratch/state/ca.pem"
 
@@ -80,5 +111,17 @@ for kind in shared static; do
   done
 done
 
+for way in add_subdirectory FetchContent; do
+  user=$scratch/$way
+  quietly cmake -S "$source/tests/package" -B "$user" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DWAY=$way -DQUORVA="$source" -DPROGRAM="$source/examples/quickstart.cpp"
+  quietly cmake --build "$user"
+  run_user "$user/user" --port PORT --ca "$scratch/state/ca.pem"
+  quietly cmake --install "$user" --prefix "$user/prefix"
+  (cd "$user" && find prefix -type f -o -path '*/quorva-localservice' -o -name '*_test') |
+    diff -u <(echo prefix/bin/user) - || fail "$way installs or builds more than the library"
+done
+
 nm --dynamic --demangle --defined-only "$scratch/shared/lib/libQuorvaSDK.so" |
   sed -E 's/^[0-9a-f]+ [A-Za-z] //' | grep -i quorva | sort -u | compare exported.txt
+compare_interface
