@@ -13,6 +13,11 @@
 #include "platform/URL.h"
 #include "platform/URLError.h"
 
+/// The layer below: time, threads, JSON, errors. Use its names as `quorva::…`, where those that a host
+/// needs are, too.
+namespace quorva::platform {}
+
+/// The library. All of it is here, but for its version.
 namespace quorva {
 
 using platform::allCases;

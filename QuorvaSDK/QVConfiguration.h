@@ -47,6 +47,7 @@ class QUORVA_EXPORT QuorvaDelegate {
 /// What `Quorva::initialize` takes. A value; copies share the delegate, and the library keeps it
 /// alive.
 struct QVConfiguration {
+  /// A blank key is found by `Quorva::initialize`, not here.
   QVConfiguration(std::string key, bool debug, std::shared_ptr<QuorvaDelegate> listener)
       : apiKey(std::move(key)), isDebugEnabled(debug), delegate(std::move(listener)) {}
 

@@ -11,8 +11,8 @@ namespace quorva {
 
 /// Travels to the service as its raw value; `rawValue`, `fromRawValue` and `allCases` work with it.
 enum class QVDynamicLinkBehaviour : std::int64_t {
-  browser = 1,
-  app = 2,
+  browser = 1,  ///< at its destination, in a browser
+  app = 2,      ///< in the application
 };
 
 }  // namespace quorva

@@ -36,10 +36,13 @@ class QUORVA_EXPORT QVDynamicLinkBuilder {
   /// The path of the short link; the service chooses one where none is set.
   [[nodiscard]] QVDynamicLinkBuilder setSelectedPath(std::string_view path) const;
 
+  /// @{
   /// Where the link opens; in the app, unless set.
   [[nodiscard]] QVDynamicLinkBuilder setIOSBehaviour(QVDynamicLinkBehaviour behaviour) const;
   [[nodiscard]] QVDynamicLinkBuilder setAndroidBehaviour(QVDynamicLinkBehaviour behaviour) const;
+  /// @}
 
+  /// @{
   /// What social networks show of the link.
   [[nodiscard]] QVDynamicLinkBuilder setSocialParameters(std::string_view title,
                                                          std::string_view description,
@@ -47,6 +50,7 @@ class QUORVA_EXPORT QVDynamicLinkBuilder {
   [[nodiscard]] QVDynamicLinkBuilder setSocialTitle(std::string_view title) const;
   [[nodiscard]] QVDynamicLinkBuilder setSocialDescription(std::string_view description) const;
   [[nodiscard]] QVDynamicLinkBuilder setSocialImageUrl(std::string_view imageUrl) const;
+  /// @}
 
   /// The campaign that the link belongs to. Replaces all five fields: without `content` or `term`
   /// there is none.
@@ -54,11 +58,14 @@ class QUORVA_EXPORT QVDynamicLinkBuilder {
       std::string_view source, std::string_view medium, std::string_view campaign,
       std::optional<std::string_view> content = {},
       std::optional<std::string_view> term = {}) const;
+  /// @{
+  /// One field of the campaign.
   [[nodiscard]] QVDynamicLinkBuilder setUTMSource(std::string_view source) const;
   [[nodiscard]] QVDynamicLinkBuilder setUTMMedium(std::string_view medium) const;
   [[nodiscard]] QVDynamicLinkBuilder setUTMCampaign(std::string_view campaign) const;
   [[nodiscard]] QVDynamicLinkBuilder setUTMContent(std::string_view content) const;
   [[nodiscard]] QVDynamicLinkBuilder setUTMTerm(std::string_view term) const;
+  /// @}
 
   /// The description as it stands: the end of a chain.
   [[nodiscard]] QVDynamicLinkBuilder build() const { return *this; }
@@ -69,6 +76,7 @@ class QUORVA_EXPORT QVDynamicLinkBuilder {
   /// JSONDecoder.
   [[nodiscard]] static Result<QVDynamicLinkBuilder> fromJSON(const JSONValue& json);
 
+  /// Whether all fields are the same.
   friend bool operator==(const QVDynamicLinkBuilder&, const QVDynamicLinkBuilder&) = default;
 
  private:

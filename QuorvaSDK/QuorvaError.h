@@ -18,8 +18,10 @@ namespace quorva {
 ///     const auto* found = error.as<QuorvaError>();
 ///     if (found && found->which == QuorvaError::duplicatePath) askForAnotherPath();
 struct QUORVA_EXPORT QuorvaError {
+  /// By which `Error::as` knows it.
   static constexpr std::string_view errorDomain = "QuorvaError";
 
+  /// What is found.
   enum class Case {
     missingKeys,      ///< required fields are empty, or nothing is stored yet: see `keys`
     networkError,     ///< for hosts' own use: see `underlying`
@@ -36,11 +38,14 @@ struct QUORVA_EXPORT QuorvaError {
   /// A case without a payload.
   explicit QuorvaError(Case found) : which(found) {}
 
+  /// One of missingKeys.
   [[nodiscard]] static QuorvaError missing(std::vector<std::string> keys);
+  /// One of networkError, for hosts' own use.
   [[nodiscard]] static QuorvaError network(Error error);
+  /// One of serverError, for hosts' own use.
   [[nodiscard]] static QuorvaError server(std::int64_t statusCode);
 
-  Case which;
+  Case which;                       ///< of the nine
   std::vector<std::string> keys;    ///< of missingKeys
   std::optional<Error> underlying;  ///< of networkError
   std::int64_t statusCode = 0;      ///< of serverError

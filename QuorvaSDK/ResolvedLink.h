@@ -22,6 +22,7 @@ class QUORVA_EXPORT ResolvedLink {
   /// Reads such an object. For JSONDecoder.
   [[nodiscard]] static Result<ResolvedLink> fromJSON(const JSONValue& json);
 
+  /// Whether both URLs are the same.
   friend bool operator==(const ResolvedLink&, const ResolvedLink&) = default;
 
  private:

@@ -32,9 +32,12 @@ concept LocalizedError = requires(const E& error) {
 /// Never empty: it has no move, so that a moved-from Error still holds its error.
 class QUORVA_EXPORT Error final : public std::exception {
  public:
+  /// Holds `error`.
   template <LocalizedError E>
   Error(E error) : held_(std::make_shared<const Held<E>>(std::move(error))) {}
+  /// Shares what is held.
   Error(const Error&) noexcept = default;
+  /// Shares what is held.
   Error& operator=(const Error&) noexcept = default;
   ~Error() override;
 
@@ -80,10 +83,12 @@ class QUORVA_EXPORT Error final : public std::exception {
 
 /// An exception that isn't ours, as it came out of a host's own coroutine.
 struct ForeignError {
+  /// By which `Error::as` knows it.
   static constexpr std::string_view errorDomain = "ForeignError";
 
-  std::string description;
+  std::string description;  ///< the exception's `what()`
 
+  /// The same.
   [[nodiscard]] const std::string& errorDescription() const { return description; }
 };
 
@@ -96,17 +101,24 @@ struct ForeignError {
 template <class T>
 class [[nodiscard]] Result {
  public:
+  /// A value.
   Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}
+  /// @{
+  /// The error in its place.
   Result(Error error) : state_(std::in_place_index<1>, std::move(error)) {}
   template <LocalizedError E>
   Result(E error) : Result(Error(std::move(error))) {}
+  /// @}
 
+  /// Whether there is a value.
   explicit operator bool() const noexcept { return state_.index() == 0; }
 
+  /// @{
   /// The value; only where there is one.
   T& operator*() & noexcept { return *std::get_if<0>(&state_); }
   const T& operator*() const& noexcept { return *std::get_if<0>(&state_); }
   const T* operator->() const noexcept { return std::get_if<0>(&state_); }
+  /// @}
 
   /// The value; throws the error where there is none.
   T value() && {
@@ -121,16 +133,22 @@ class [[nodiscard]] Result {
   std::variant<T, Error> state_;
 };
 
+/// The end of something, or the error in its place.
 template <>
 class [[nodiscard]] Result<void> {
  public:
+  /// It went well.
   Result() = default;
+  /// It didn't.
   Result(Error error) : error_(std::move(error)) {}
 
+  /// Whether it went well.
   explicit operator bool() const noexcept { return !error_; }
+  /// Throws the error where there is one.
   void value() && {
     if (error_) throwError(*error_);
   }
+  /// The error; only where there is one.
   [[nodiscard]] const Error& error() const noexcept { return *error_; }
 
  private:

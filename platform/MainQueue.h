@@ -19,6 +19,8 @@
 
 namespace quorva::platform {
 
+/// The queue through which everything reaches the application's thread. The host empties it, in
+/// whatever loop it has.
 class QUORVA_EXPORT MainQueue {
  public:
   MainQueue() = delete;

@@ -155,7 +155,9 @@ class [[nodiscard]] Task {
     }
   };
 
+  /// Takes the coroutine over.
   Task(Task&& other) noexcept : coroutine_(std::exchange(other.coroutine_, nullptr)) {}
+  /// Takes the coroutine over, and leaves its own.
   Task& operator=(Task&& other) noexcept {
     std::swap(coroutine_, other.coroutine_);
     return *this;
@@ -164,6 +166,7 @@ class [[nodiscard]] Task {
     if (coroutine_ && coroutine_.promise().release()) coroutine_.destroy();
   }
 
+  /// Runs the coroutine, and goes on when it has ended: yields its `T` or throws its error.
   auto operator co_await() && noexcept { return Awaiter{coroutine_}; }
 
   /// To be awaited in place of the Task: yields a Result<T> and never throws.

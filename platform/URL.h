@@ -29,6 +29,7 @@ class QUORVA_EXPORT URL {
   /// The host's name in lower case, as the text spells it; empty where it names none.
   [[nodiscard]] std::string host() const;
 
+  /// Whether the texts are the same, byte by byte.
   friend bool operator==(const URL&, const URL&) = default;
 
  private:
