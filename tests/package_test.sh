@@ -111,16 +111,30 @@ for kind in shared static; do
   done
 done
 
-for way in add_subdirectory FetchContent; do
-  user=$scratch/$way
-  quietly cmake -S "$source/tests/package" -B "$user" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DWAY=$way -DQUORVA="$source" -DPROGRAM="$source/examples/quickstart.cpp"
-  quietly cmake --build "$user"
-  run_user "$user/user" --port PORT --ca "$scratch/state/ca.pem"
-  quietly cmake --install "$user" --prefix "$user/prefix"
-  (cd "$user" && find prefix -type f -o -path '*/quorva-localservice' -o -name '*_test') |
-    diff -u <(echo prefix/bin/user) - || fail "$way installs or builds more than the library"
-done
+# A user's own tree with the library in it installs what is the user's, and builds the library alone.
+build_in_tree() {
+  local tree=$1 build=$2
+  shift 2
+  quietly cmake -S "$tree" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "$@"
+  quietly cmake --build "$build"
+  quietly cmake --install "$build" --prefix "$build/prefix"
+  [[ -z $(cd "$build" && find . -path './prefix/*' -type f ! -name user -o -name '*_test' -o -name quorva-localservice) ]] ||
+    fail "$build has more in it than the library"
+}
+
+fetched=$scratch/fetched
+build_in_tree "$source/tests/package" "$fetched" -DWAY=FetchContent -DQUORVA="$source" \
+  -DPROGRAM="$source/examples/quickstart.cpp"
+run_user "$fetched/user" --port PORT --ca "$scratch/state/ca.pem"
+
+# As the guide for newcomers has it.
+listing() { sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/p" "$source/docs/getting-started.md" | sed '1d;$d'; }
+mkdir "$scratch/guide"
+listing cmake | sed "s|/path/to/QuorvaSDK|\"$source\"|" >"$scratch/guide/CMakeLists.txt"
+listing cpp >"$scratch/guide/main.cpp"
+build_in_tree "$scratch/guide" "$scratch/guide/build"
+run_user "$scratch/guide/build/shop" PORT "$scratch/state/ca.pem"
+grep -qxE 'https://go\.shop\.example/[a-z0-9]{8}' "$scratch/log" || fail "the guide's program said $(<"$scratch/log")"
 
 nm --dynamic --demangle --defined-only "$scratch/shared/lib/libQuorvaSDK.so" |
   sed -E 's/^[0-9a-f]+ [A-Za-z] //' | grep -i quorva | sort -u | compare exported.txt
