@@ -13,8 +13,8 @@
 #include "platform/URL.h"
 #include "platform/URLError.h"
 
-/// The layer below: time, threads, JSON, errors. Use its names as `quorva::…`, where those that a host
-/// needs are, too.
+/// The layer below: time, threads, JSON, errors. Use its names as `quorva::…`, where those that a
+/// host needs are, too.
 namespace quorva::platform {}
 
 /// The library. All of it is here, but for its version.

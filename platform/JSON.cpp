@@ -23,7 +23,7 @@ namespace ondemand = simdjson::ondemand;
 
 constexpr int maximumDepth = 512;
 constexpr double exactIntegers = 9007199254740992.0;  // 2^53: beyond it doubles skip whole numbers
-constexpr std::size_t usualSize = 1024;  // of a text that is written, in bytes
+constexpr std::size_t usualSize = 1024;               // of a text that is written, in bytes
 
 // The number that `token` spells, white space around it aside. simdjson hands a number out as the
 // characters up to the next structural one, without a look at them.
