@@ -2,7 +2,7 @@
 """What the documents say, held against what is: their listings compile, links lead somewhere, and
 errors, settings and what is sent are all named.
 
-    documents_test.py SERVICE QUICKSTART
+    documents_test.py SERVICE QUICKSTART BUILD
 """
 
 import json
@@ -16,7 +16,7 @@ import unittest
 import urllib.request
 from pathlib import Path
 
-SERVICE, QUICKSTART = sys.argv[1:3]
+SERVICE, QUICKSTART, BUILD = sys.argv[1:4]
 SOURCE = Path(__file__).resolve().parent.parent
 DOCUMENTS = {path: path.read_text() for path in (SOURCE / "README.md", *sorted(SOURCE.glob("docs/*.md")))}
 PRELUDE = "#include <QuorvaSDK/QuorvaSDK.h>\nusing namespace quorva;\n"
@@ -29,10 +29,10 @@ def run(*command, **more):
     return done.stdout
 
 
-def listings(path):
-    """Those in C++, each with the number of its first line."""
+def listings(path, language):
+    """Each with the number of its first line."""
     text = DOCUMENTS[path]
-    for found in re.finditer(r"^```cpp\n(.*?)^```$", text, re.M | re.S):
+    for found in re.finditer(r"^```%s\n(.*?)^```$" % language, text, re.M | re.S):
         yield text.count("\n", 0, found.start()) + 2, found[1]
 
 
@@ -57,7 +57,7 @@ class Documents(unittest.TestCase):
     def test_listings_compile(self):
         fragments, programs = [], []
         for path in DOCUMENTS:
-            for line, code in listings(path):
+            for line, code in listings(path, "cpp"):
                 mark = '#line %d "%s"\n' % (line, path)
                 if "int main(" in code:
                     programs.append(mark + code)
@@ -72,6 +72,25 @@ class Documents(unittest.TestCase):
             run("g++", "-std=c++20", "-fsyntax-only", "-Wall", "-Wextra", "-Werror",
                 "-Wno-subobject-linkage",  # of what #line says is in a header
                 "-I", SOURCE, "-x", "c++", "-", input=unit)
+
+    def test_projects_find_the_library(self):
+        with tempfile.TemporaryDirectory() as folder:
+            run("cmake", "--install", BUILD, "--prefix", folder + "/prefix", "--component", "development")
+            (Path(folder) / "app.cpp").write_text("int main() {}\n")
+            (Path(folder) / "QuorvaSDK").symlink_to(SOURCE)
+            found = 0
+            for path in DOCUMENTS:
+                for _, code in listings(path, "cmake"):
+                    if "project(" in code:
+                        continue  # a whole one, that the test of the package builds
+                    (Path(folder) / "CMakeLists.txt").write_text(
+                        "cmake_minimum_required(VERSION 3.25)\nproject(listing LANGUAGES CXX)\n"
+                        "add_executable(app app.cpp)\n" + code)
+                    run("cmake", "-S", folder, "-B", "%s/build%d" % (folder, found), "-G", "Ninja",
+                        "-DCMAKE_PREFIX_PATH=%s/prefix" % folder,
+                        "-DFETCHCONTENT_SOURCE_DIR_QUORVASDK=%s" % SOURCE)
+                    found += 1
+            self.assertGreater(found, 3)
 
     def test_links_lead_somewhere(self):
         for path, text in DOCUMENTS.items():
