@@ -31,11 +31,15 @@ struct QUORVA_EXPORT Bundle {
   static void setMain(Bundle bundle);
 };
 
+/// @cond  The library's own, and not exported.
+
 /// The file name of the running program.
 [[nodiscard]] std::string executableName();
 
 /// The application's translation of `key`, from its default gettext domain; `key` itself where
 /// there is none.
 [[nodiscard]] std::string localizedString(const char* key);
+
+/// @endcond
 
 }  // namespace quorva::platform

@@ -13,6 +13,7 @@ namespace quorva::platform {
 template <class E>
 inline constexpr auto allCases = nullptr;
 
+/// An enumeration whose cases are known.
 template <class E>
 concept RawRepresentable = std::is_enum_v<E> && requires {
   allCases<E>.size();
