@@ -59,13 +59,15 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME} COMPONENT ${component})
 endforeach()
-add_custom_command(OUTPUT quorva-localservice.1.gz
-  COMMAND ${HELP2MAN} --no-info --version-string=${PROJECT_VERSION} --output=quorva-localservice.1
-    --name "service for short links to develop and test against" $<TARGET_FILE:quorva-localservice>
-  COMMAND ${compress} quorva-localservice.1
-  DEPENDS quorva-localservice VERBATIM)
-add_custom_target(manual ALL DEPENDS quorva-localservice.1.gz)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/quorva-localservice.1.gz
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT localservice)
+set(manual ${CMAKE_CURRENT_BINARY_DIR}/quorva-localservice.1)
+# Run beside the program, since help2man can't run one with a blank in its path.
+add_custom_command(OUTPUT ${manual}.gz
+  COMMAND ${HELP2MAN} --no-info --version-string=${PROJECT_VERSION} --output=${manual}
+    --name "service for short links to develop and test against" ./$<TARGET_FILE_NAME:quorva-localservice>
+  COMMAND ${compress} ${manual}
+  DEPENDS quorva-localservice
+  WORKING_DIRECTORY $<TARGET_FILE_DIR:quorva-localservice> VERBATIM)
+add_custom_target(manual ALL DEPENDS ${manual}.gz)
+install(FILES ${manual}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT localservice)
 
 include(CPack)
