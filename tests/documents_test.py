@@ -18,7 +18,7 @@ from pathlib import Path
 
 SERVICE, QUICKSTART, BUILD = sys.argv[1:4]
 SOURCE = Path(__file__).resolve().parent.parent
-DOCUMENTS = {path: path.read_text() for path in (SOURCE / "README.md", *sorted(SOURCE.glob("docs/*.md")))}
+DOCUMENTS = {path: path.read_text() for path in sorted((*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md")))}
 PRELUDE = "#include <QuorvaSDK/QuorvaSDK.h>\nusing namespace quorva;\n"
 
 
@@ -95,23 +95,33 @@ class Documents(unittest.TestCase):
     def test_links_lead_somewhere(self):
         for path, text in DOCUMENTS.items():
             text = re.sub(r"^```.*?^```", "", text, flags=re.M | re.S)
-            for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", text):
+            for target in (re.findall(r"\]\(([^):]+)\)", text) +
+                           re.findall(r'src(?:set)?="([^":]+)"', text)):
                 self.assertTrue((path.parent / target).exists(), "%s: %s" % (path.name, target))
 
     def test_every_error_is_named(self):
-        text = DOCUMENTS[SOURCE / "docs/errors.md"]
-        for name, count in (("QuorvaSDK/QuorvaError.h", 9), ("platform/URLError.h", 16),
-                            ("platform/JSON.h", 4)):
-            code = (SOURCE / name).read_text()
-            cases = re.findall(r"^    (\w+)(?: = -\d+)?,", code, re.M)
-            self.assertEqual(len(cases), count, name)
-            for case in cases:
-                self.assertIn("`%s`" % case, text)
-        for name in ("QuorvaSDK/QuorvaError.cpp", "platform/URLError.cpp", "platform/JSON.cpp"):
-            code = re.sub(r'"\s+"', "", (SOURCE / name).read_text())
-            for said in re.findall(r'"([^"\n]{7,}?[^"\n ])[ -]*"', code):
-                if " " in said and "SIMD" not in said and "URL error" not in said:
-                    self.assertIn(said, text, name)
+        def code(name):
+            return re.sub(r'"\s+"', "", (SOURCE / name).read_text())
+
+        path = SOURCE / "docs/errors.md"
+        found = dict(re.findall(r'case (\w+):[^"]*"([^"]+?) ?"', code("QuorvaSDK/QuorvaError.cpp")))
+        numbers = dict(re.findall(r"(\w+) = (-\d+),", code("platform/URLError.h")))
+        transport = dict(re.findall(r'Row\{(\w+),\s*"([^"]+)"', code("platform/URLError.cpp")))
+        kinds = re.findall(r"^    (\w+), +///<", code("platform/JSON.h"), re.M)
+        texts = re.findall(r'"(The data [^"]+)"', code("platform/JSON.cpp"))
+        self.assertEqual(transport.keys(), numbers.keys())
+        self.assertEqual([found.keys(), transport.keys()], [*table(path, "case"), *table(path, "code")])
+        for row in ([("`%s`" % case, said) for case, said in found.items()] +
+                    [("`%s` %s" % (case, numbers[case]), said) for case, said in transport.items()]):
+            self.assertIn("\n| %s | %s" % row, DOCUMENTS[path])
+        errors, = table(path, "error")
+        self.assertEqual({"DecodingError", "EncodingError", "kind", *kinds}, errors)
+        for said in texts:
+            self.assertIn("| %s |" % said, DOCUMENTS[path])
+        logged = {said for file in SOURCE.glob("QuorvaSDK/*.cpp")
+                  for said in re.findall(r'QVLogger::log\(LogLevel::\w+,\s*"([^"]+)"', file.read_text())}
+        lines, = table(path, "line")
+        self.assertEqual(logged, {line.removesuffix("…") for line in lines})
 
     def test_what_is_stored_and_sent_is_named(self):
         with tempfile.TemporaryDirectory() as folder:
