@@ -115,6 +115,16 @@ for kind in shared static; do
   done
 done
 
+# A new version has its number in more places than one.
+version=$(pkg-config --modversion quorva-sdk)
+while IFS=: read -r file line; do
+  grep -qF "$line" "$source/$file" || fail "$file doesn't say $line"
+done <<END
+CHANGELOG.md:## $version
+packaging/changelog:quorvasdk ($version)
+QuorvaSDK/UIDevice+Extensions.h:sdkVersion = "$version"
+END
+
 # A user's own tree with the library in it installs what is the user's, and builds the library alone.
 build_in_tree() {
   local tree=$1 build=$2
