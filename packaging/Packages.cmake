@@ -59,6 +59,8 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   install(FILES ${CMAKE_CURRENT_LIST_DIR}/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME} COMPONENT ${component})
 endforeach()
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+  RENAME ${runtime_package} COMPONENT runtime)
 set(manual ${CMAKE_CURRENT_BINARY_DIR}/quorva-localservice.1)
 # Run beside the program, since help2man can't run one with a blank in its path.
 add_custom_command(OUTPUT ${manual}.gz
